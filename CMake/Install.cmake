@@ -1,0 +1,44 @@
+# What `cmake --install` puts where: the libraries, the public headers, the command when it was built, and what CMake and
+# pkg-config need to find them. The installed tree can be moved as a whole.
+
+option(REELMILL_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
+if(NOT REELMILL_INSTALL)
+    return()
+endif()
+
+include(CMakePackageConfigHelpers)
+
+install(TARGETS Reelmill ReelmillStatic EXPORT ReelmillTargets)
+install(DIRECTORY
+    Include/Reelmill
+    Platform/Include/Quorlan
+    Platform/Include/Sambrel
+    Platform/Include/Tolbin
+    Platform/Include/Ventra
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILES_MATCHING PATTERN "*.h")
+
+if(TARGET reelmill)
+    # The command finds the library beside it wherever both were moved to.
+    file(RELATIVE_PATH binToLib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(reelmill PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
+    install(TARGETS reelmill)
+endif()
+
+# ---- find_package(Reelmill) ------------------------------------------------------------------------------------------
+
+set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/Reelmill)
+configure_package_config_file(CMake/ReelmillConfig.cmake.in ReelmillConfig.cmake INSTALL_DESTINATION ${packageDir})
+# Before version 1 a minor version may change the interface.
+write_basic_package_version_file(ReelmillConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(EXPORT ReelmillTargets NAMESPACE Reelmill:: DESTINATION ${packageDir})
+install(FILES
+    ${PROJECT_BINARY_DIR}/ReelmillConfig.cmake
+    ${PROJECT_BINARY_DIR}/ReelmillConfigVersion.cmake
+    DESTINATION ${packageDir})
+
+# ---- pkg-config reelmill ---------------------------------------------------------------------------------------------
+
+file(RELATIVE_PATH pkgConfigToPrefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(CMake/reelmill.pc.in reelmill.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/reelmill.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace Tolbin
+{
+
+//! A string of 16-bit code units in host order: file paths, codec names, text samples. Nothing keeps it from holding
+//! lone surrogates; whoever converts it says what becomes of them.
+using UTF16String = std::u16string;
+
+} // namespace Tolbin

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <Tolbin/Export.h>
+#include <Tolbin/Result.h>
+#include <Tolbin/UTF16String.h>
+#include <Ventra/FileSystem.h>
+
+namespace Ventra
+{
+
+//! An open file and its file pointer. One thread at a time. Calls on a file that is not open fail with EBADF.
+class TOLBIN_EXPORT File
+{
+public:
+    File() = default;
+
+    //! Closes the file if it is still open; whoever wants the result calls `Close`.
+    ~File();
+
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    //! Opens the file with the pointer at 0. A file that was open before is closed first. Where the file system cannot
+    //! bypass the cache, an unbuffered open succeeds all the same and writes go through the cache.
+    //!
+    //! \return 0; an error of the system (EILSEQ when `inPath` is not valid UTF-16), and no file is open.
+    Tolbin::Result Create(const Tolbin::UTF16String& inPath, FileAccessFlags::Type inAccess,
+                          FileShareModeFlags::Type inShare, FileCreateDispositionFlags::Type inDisposition,
+                          FileAttributesFlags::Type inAttributes, bool inInheritable);
+
+    //! Writes at the file pointer and moves it behind what was written. Interrupted calls are retried and partial
+    //! writes continued, so that the result is final: 0, with `outWritten` below `inLength` only when the system takes
+    //! no more without naming an error; or the error that ended it, with `outWritten` telling what came before.
+    Tolbin::Result Write(const void* inData, unsigned int inLength, unsigned int& outWritten);
+
+    //! Moves the file pointer. A negative target is refused (EINVAL); one beyond the end is allowed.
+    Tolbin::Result SetFilePointer(long long inDistance, FilePointerMoveMethod::Type inMethod);
+
+    Tolbin::Result GetFilePointer(long long& outPosition) const;
+
+    Tolbin::Result GetSize(long long& outSize) const;
+
+    //! Returns once the file's content is on the device.
+    Tolbin::Result Sync();
+
+    //! The kind of volume that the file lies on; local when no file is open.
+    FileSystemType::Type GetFileSystemType() const;
+
+    //! The file is closed whatever the result.
+    Tolbin::Result Close();
+
+private:
+    FileSystem* mFileSystem = nullptr; //!< Null while no file is open.
+    FileSystem::Handle mHandle = 0;
+    std::int64_t mPosition = 0;
+};
+
+} // namespace Ventra

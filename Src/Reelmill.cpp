@@ -1,0 +1,679 @@
+#include "PrivateReelmill.h"
+#include "QTAtomHelpers.h"
+
+#include <Tolbin/Debug.h>
+#include <Tolbin/FileSupport.h>
+#include <Ventra/DiskUtils.h>
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <new>
+#include <system_error>
+#include <vector>
+
+namespace QT
+{
+
+namespace
+{
+
+constexpr std::uint32_t kMediaStartTarget = 0x100000;    //!< The first media byte lies here or beyond.
+constexpr std::uint32_t kHeadSize = 48;                  //!< 'ftyp', 'wide' and the 'mdat' header together.
+constexpr std::uint32_t kMaxDiskBufferSize = 0xFFF00000; //!< Beyond, the placeholder's size does not fit 32 bits.
+constexpr std::size_t kMaxTextLength =
+    (0xFFFF - 2) / 2; //!< Code units; the length field counts the mark's 2 bytes too.
+constexpr TrackID kFirstTrackID = 256;
+
+const char* QTResultMessage(Tolbin::Result inResult)
+{
+    switch (inResult)
+    {
+    case kQTErrUnknownTrackID:
+        return "no track of this movie has that ID";
+    case kQTErrUnknownMediaType:
+        return "the media type is not one of video, sound, timecode, closed caption and text";
+    case kQTErrNullUserData:
+        return "a user data item came without a data pointer";
+    case kQTErrBadState:
+        return "the movie is not open: it was not created, its creation failed, or it is closed already";
+    case kQTErrBadArgument:
+        return "an argument has a value that no movie can hold";
+    case kQTErrTooLarge:
+        return "an atom of the movie would pass what its 32-bit size can hold";
+    default:
+        return nullptr;
+    }
+}
+
+const Tolbin::ResultMessages sResultMessages(QTResultMessage);
+
+//! Whether `inSize` bytes at `inData` can be read at all.
+bool IsValidBuffer(const void* inData, int inSize)
+{
+    return inSize >= 0 && (inData != nullptr || inSize == 0);
+}
+
+//! Stores a copy of an item, in place of an earlier one of its type.
+Tolbin::Result StoreUserData(std::map<int, Tolbin::utility::BinaryDataArray>& ioItems, int inType, const void* inData,
+                             int inSize)
+{
+    if (inData == nullptr)
+    {
+        return kQTErrNullUserData;
+    }
+    if (inSize < 0)
+    {
+        return kQTErrBadArgument;
+    }
+    const auto itemSize = [](std::size_t inPayloadSize) { return kAtomHeaderSize + std::uint64_t{inPayloadSize}; };
+    std::uint64_t size = kAtomHeaderSize + itemSize(static_cast<std::size_t>(inSize));
+    for (const auto& [type, payload] : ioItems)
+    {
+        size += type != inType ? itemSize(payload.size()) : 0;
+    }
+    if (size > kMaxAtomSize)
+    {
+        return kQTErrTooLarge;
+    }
+    const auto* bytes = static_cast<const std::uint8_t*>(inData);
+    ioItems.insert_or_assign(inType, Tolbin::utility::BinaryDataArray(bytes, bytes + inSize));
+    return Tolbin::kResultSuccess;
+}
+
+//! `ConcatenateAtomsToAtomContainer`, but `kQTErrTooLarge` where the container would reach 2 GiB.
+Tolbin::Result MakeContainer(std::uint32_t inType, std::vector<qtn_GenericAtomHeader*>& inAtoms,
+                             Tolbin::utility::BinaryDataArray& outContainer)
+{
+    std::uint64_t size = kAtomHeaderSize;
+    for (const qtn_GenericAtomHeader* atom : inAtoms)
+    {
+        size += atom != nullptr ? TO_BIG(atom->atomSize) : 0;
+    }
+    if (size > kMaxAtomSize)
+    {
+        return kQTErrTooLarge;
+    }
+    ConcatenateAtomsToAtomContainer(static_cast<int>(inType), inAtoms, outContainer);
+    return Tolbin::kResultSuccess;
+}
+
+//! Frees a track's sample-table atoms at the end of a scope.
+struct SampleTableItemsScope
+{
+    SampleTableItemsRec items;
+
+    SampleTableItemsScope() = default;
+    SampleTableItemsScope(const SampleTableItemsScope&) = delete;
+    SampleTableItemsScope& operator=(const SampleTableItemsScope&) = delete;
+    ~SampleTableItemsScope() { DisposeSampleTableItems(items); }
+};
+
+} // namespace
+
+Reelmill::~Reelmill() = default;
+
+boost::shared_ptr<Reelmill> CreateReelmill()
+{
+    return boost::make_shared<PrivateReelmill>();
+}
+
+// ---- File and head
+// ---------------------------------------------------------------------------------------------------
+
+Tolbin::Result PrivateReelmill::Create(Tolbin::UTF16String inPath, int inMovieTimeScale)
+{
+    if (state != State::Constructed)
+    {
+        return kQTErrBadState;
+    }
+    state = State::Finished; // Until everything has succeeded.
+    path = inPath;
+    movieTimeScale = inMovieTimeScale;
+    file = boost::make_shared<Ventra::File>();
+    const Tolbin::Result result = OpenMovieFile();
+    if (result < 0)
+    {
+        unbufferedWriter.reset();
+        static_cast<void>(file->Close()); // Not open when it could not be created.
+        return result;
+    }
+    state = State::Streaming;
+    return result;
+}
+
+Tolbin::Result PrivateReelmill::OpenMovieFile()
+{
+    Tolbin::Result result =
+        file->Create(path, Ventra::FileAccessFlags::kWrite, Ventra::FileShareModeFlags::kReadWrite,
+                     Ventra::FileCreateDispositionFlags::kCreateAlways, Ventra::FileAttributesFlags::kNormal, false);
+    if (result < 0)
+    {
+        return result;
+    }
+    result = ReadCreationTime();
+    if (result < 0)
+    {
+        return result;
+    }
+    // On failure the size is the platform's default.
+    static_cast<void>(Ventra::DiskUtils::GetEfficientDiskBufferSizeFromPath(path, diskBufferSize));
+    if (diskBufferSize == 0 || diskBufferSize > kMaxDiskBufferSize)
+    {
+        return kQTErrBadArgument;
+    }
+    result = WriteMovieStart(diskBufferSize);
+    if (result < 0)
+    {
+        return result;
+    }
+    unbufferedWriter = CreateUnbufferedWriter(diskBufferSize, result);
+    if (result < 0)
+    {
+        return result;
+    }
+    return unbufferedWriter->OpenExisting(file, path, mediaDataOffset);
+}
+
+Tolbin::Result PrivateReelmill::ReadCreationTime()
+{
+    try
+    {
+        const Tolbin::filesupport::File movie(path, Tolbin::filesupport::StorageType::kFileSystem);
+        const std::time_t created = std::chrono::system_clock::to_time_t(movie.Created());
+        // The reentrant form of `gmtime`: writers on different threads share nothing.
+        return gmtime_r(&created, &creationTime) != nullptr ? Tolbin::kResultSuccess : Tolbin::kResultFailed;
+    }
+    catch (const std::system_error& error)
+    {
+        return Tolbin::ResultFromSystemError(error.code().value());
+    }
+}
+
+// On disk afterwards: 0 'ftyp' (32), 32 'skip' (P), 32 + P 'wide' (8), 40 + P the header of 'mdat' (8), 48 + P the
+// first media byte: the smallest multiple of the disk-buffer size that is not below 1 MiB.
+Tolbin::Result PrivateReelmill::WriteMovieStart(unsigned int inDiskBufferSize)
+{
+    placeholderSize = (inDiskBufferSize + (kMediaStartTarget - 1)) / inDiskBufferSize * inDiskBufferSize - kHeadSize;
+
+    // Positions are not checked: the writes behind them are.
+    long long position = 0;
+    static_cast<void>(file->SetFilePointer(0, Ventra::FilePointerMoveMethod::kBegin));
+    qtn_FileTypeAtom fileType;
+    Tolbin::Result result = Write(&fileType, sizeof(fileType));
+    if (result < 0)
+    {
+        return result;
+    }
+    static_cast<void>(file->GetFilePointer(position));
+    placeholderOffset = position;
+    result = WritePlaceholderAtom(FourCC("skip"), static_cast<int>(placeholderSize));
+    if (result < 0)
+    {
+        return result;
+    }
+    static_cast<void>(file->GetFilePointer(position));
+    wideOffset = position;
+    for (const std::uint32_t word :
+         {std::uint32_t{kAtomHeaderSize}, FourCC("wide"), // The 'mdat' header is provisional.
+          std::uint32_t{kAtomHeaderSize}, FourCC("mdat")})
+    {
+        big_uint32_t field = word;
+        result = Write(&field, sizeof(field));
+        if (result < 0)
+        {
+            break;
+        }
+    }
+    static_cast<void>(file->GetFilePointer(position));
+    mediaDataOffset = position;
+    return result;
+}
+
+// On disk afterwards, from the file pointer on: size, type, zeros up to `inAtomSize` bytes.
+Tolbin::Result PrivateReelmill::WritePlaceholderAtom(int inAtomType, int inAtomSize)
+{
+    big_uint32_t size = Bits32(inAtomSize);
+    Tolbin::Result result = Write(&size, sizeof(size));
+    if (result < 0)
+    {
+        return result;
+    }
+    big_uint32_t type = Bits32(inAtomType);
+    result = Write(&type, sizeof(type));
+    if (result < 0)
+    {
+        return result;
+    }
+    const std::size_t bodySize = size - std::uint32_t{kAtomHeaderSize};
+    const std::unique_ptr<char[]> body(new (std::nothrow) char[bodySize]());
+    return body ? Write(body.get(), bodySize) : Tolbin::kResultOutOfMemory;
+}
+
+Tolbin::Result PrivateReelmill::Write(void* inData, std::size_t inLength)
+{
+    unsigned int bytesWritten = 0;
+    return VentraFileWriteChk::Write(file, inData, Low32(inLength), bytesWritten);
+}
+
+Tolbin::Result PrivateReelmill::Flush()
+{
+    return state == State::Streaming ? Tolbin::kResultSuccess : kQTErrBadState;
+}
+
+// ---- Tracks and media
+// ------------------------------------------------------------------------------------------------
+
+Tolbin::Result PrivateReelmill::NewMovieTrack(MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
+                                              boost::shared_ptr<QTSampleDescription> inSampleDescription,
+                                              TrackID& outTrackID)
+{
+    if (state != State::Streaming)
+    {
+        return kQTErrBadState;
+    }
+    if (!IsKnownMediaType(inMediaType))
+    {
+        return kQTErrUnknownMediaType;
+    }
+    if (!inSampleDescription)
+    {
+        return kQTErrBadArgument;
+    }
+    const TrackID trackID = kFirstTrackID + tracks.size();
+    tracks.emplace(trackID, TrackRec(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription));
+    outTrackID = trackID;
+    return Tolbin::kResultSuccess;
+}
+
+//! Common to all per-track operations: checks the state as well.
+Tolbin::Result PrivateReelmill::GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr)
+{
+    outTrackPtr = nullptr;
+    if (state != State::Streaming)
+    {
+        return kQTErrBadState;
+    }
+    const auto found = tracks.find(inTrackID);
+    if (found == tracks.end())
+    {
+        TOLBIN_REPORT("false", "Unknown TrackID: " << inTrackID << '\n');
+        return kQTErrUnknownTrackID;
+    }
+    outTrackPtr = &found->second;
+    return Tolbin::kResultSuccess;
+}
+
+Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, int inDataSize,
+                                               std::int32_t inSampleCount, std::int32_t inSampleDuration,
+                                               std::int32_t inAuxValue, bool inAuxFlag)
+{
+    TrackPtr track = nullptr;
+    Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    if (!IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
+    {
+        return kQTErrBadArgument;
+    }
+    const std::int64_t fileOffset = unbufferedWriter->GetFilePointer();
+    result = unbufferedWriter->Write(static_cast<char*>(inData), static_cast<std::size_t>(inDataSize));
+    if (result < 0)
+    {
+        return result;
+    }
+    track->samples.push_back(
+        {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag, /*endsChunk*/ false});
+
+    const auto newDuration =
+        static_cast<std::uint64_t>(track->duration + std::int64_t{inSampleCount} * inSampleDuration);
+    TOLBIN_ASSERT(
+        (newDuration & 0xFFFFFFFF80000000LL) == 0,
+        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
+        "being written in an invalid state.\n");
+    track->duration = static_cast<std::int32_t>(Low32(newDuration));
+    mediaDataSize += inDataSize;
+    return result;
+}
+
+Tolbin::Result PrivateReelmill::EndMediaChunk(TrackID inTrackID)
+{
+    TrackPtr track = nullptr;
+    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    if (!track->samples.empty())
+    {
+        track->explicitChunking = true;
+        track->samples.back().endsChunk = true;
+    }
+    return Tolbin::kResultSuccess;
+}
+
+// The sample: 0 length of the text with its mark, 2 byte-order mark, 4 the text as little-endian UTF-16, then 'encd'.
+Tolbin::Result PrivateReelmill::AddTextMediaSample(TrackID inTrackID, const Tolbin::UTF16String& inText, int inDuration)
+{
+    TrackPtr track = nullptr;
+    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    if (inText.size() > kMaxTextLength)
+    {
+        return kQTErrBadArgument;
+    }
+    qtn_TextSampleHead head;
+    head.textSize = static_cast<std::uint16_t>(2 * inText.size() + sizeof(head.byteOrderMark)); // Fits: checked above.
+    Tolbin::utility::BinaryDataArray sample;
+    sample.reserve(sizeof(head) + 2 * inText.size() + sizeof(qtn_TextEncodingAtom));
+    AppendRecord(sample, head);
+    for (const char16_t unit : inText)
+    {
+        AppendRecord(sample, boost::endian::little_uint16_t(unit));
+    }
+    AppendRecord(sample, qtn_TextEncodingAtom{});
+    return AddMediaSample(inTrackID, sample.data(), static_cast<int>(sample.size()), 1, inDuration, 0, false);
+}
+
+int PrivateReelmill::GetMovieDuration()
+{
+    if (state != State::Streaming)
+    {
+        return 0;
+    }
+    std::int32_t longest = 0;
+    for (const auto& [trackID, track] : tracks)
+    {
+        longest = std::max(longest, ConvertSrcTimeToDestTimescale(track.duration, track.timeScale, movieTimeScale));
+    }
+    return longest;
+}
+
+Tolbin::Result PrivateReelmill::SetTrackTrimIn(TrackID inTrackID, int inTrimIn)
+{
+    TrackPtr track = nullptr;
+    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    track->trimIn = inTrimIn;
+    return Tolbin::kResultSuccess;
+}
+
+// ---- User data and references
+// ----------------------------------------------------------------------------------------
+
+Tolbin::Result PrivateReelmill::AddUserData(int inUserDataType, void* inData, int inDataSize)
+{
+    if (state != State::Streaming)
+    {
+        return kQTErrBadState;
+    }
+    return StoreUserData(userData, inUserDataType, inData, inDataSize);
+}
+
+Tolbin::Result PrivateReelmill::AddTrackUserData(TrackID inTrackID, int inUserDataType, void* inData, int inDataSize)
+{
+    TrackPtr track = nullptr;
+    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    return StoreUserData(track->userData, inUserDataType, inData, inDataSize);
+}
+
+Tolbin::Result PrivateReelmill::AddTrackReference(TrackID inTrackID, TrackID inReferencedTrackID,
+                                                  TrackReferenceType inReferenceType)
+{
+    TrackPtr track = nullptr;
+    Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    TrackPtr referencedTrack = nullptr;
+    result = GetTrackPtr(inReferencedTrackID, referencedTrack);
+    if (result < 0)
+    {
+        return result;
+    }
+    track->trackReferences[inReferenceType].push_back(inReferencedTrackID);
+    return Tolbin::kResultSuccess;
+}
+
+// ---- Closing
+// ---------------------------------------------------------------------------------------------------------
+
+// On disk before: head with a provisional 'mdat' size, media up to the last full block. Afterwards: all media, the
+// final 'mdat' size, and 'moov' in the placeholder or at the end of the file.
+Tolbin::Result PrivateReelmill::Close()
+{
+    if (state != State::Streaming)
+    {
+        return kQTErrBadState;
+    }
+    static_cast<void>(unbufferedWriter->Close()); // A tail that is missing shows in the file's length.
+    Tolbin::Result result = PatchMediaDataSize();
+    if (result >= 0)
+    {
+        Tolbin::utility::BinaryDataArray mooVAtom;
+        result = MakeMooVAtom(mooVAtom);
+        if (result >= 0)
+        {
+            result = PlaceMooVAtom(mooVAtom);
+        }
+    }
+    state = State::Finished;
+    static_cast<void>(file->Close()); // Everything that matters has been written, or has failed already.
+    return result;
+}
+
+// On disk afterwards, from 'wide' on: 'wide' (8) and 'mdat' with a 32-bit size, or 'mdat' with a 64-bit size (16).
+Tolbin::Result PrivateReelmill::PatchMediaDataSize()
+{
+    const std::int64_t size32 = mediaDataSize + kAtomHeaderSize;
+    if (size32 <= 0xFFFFFFFF)
+    {
+        static_cast<void>(file->SetFilePointer(wideOffset + kAtomHeaderSize, Ventra::FilePointerMoveMethod::kBegin));
+        big_uint32_t size = Low32(static_cast<std::uint64_t>(size32));
+        return Write(&size, sizeof(size));
+    }
+    qtn_MediaDataHeader64 header;
+    header.size = static_cast<std::uint64_t>(mediaDataSize) + sizeof(header);
+    static_cast<void>(file->SetFilePointer(wideOffset, Ventra::FilePointerMoveMethod::kBegin));
+    Tolbin::Result result = Write(&header.header.atomSize, sizeof(header.header.atomSize));
+    if (result < 0)
+    {
+        return result;
+    }
+    result = Write(&header.header.atomType, sizeof(header.header.atomType));
+    if (result < 0)
+    {
+        return result;
+    }
+    return Write(&header.size, sizeof(header.size));
+}
+
+// On disk afterwards: 'moov' and a smaller 'skip' where the placeholder was, or 'moov' at the end of the file.
+Tolbin::Result PrivateReelmill::PlaceMooVAtom(Tolbin::utility::BinaryDataArray& inMooVAtom)
+{
+    const std::uint64_t size = inMooVAtom.size();
+    if (size + kAtomHeaderSize > placeholderSize)
+    {
+        static_cast<void>(file->SetFilePointer(0, Ventra::FilePointerMoveMethod::kEnd));
+        return Write(inMooVAtom.data(), size);
+    }
+    static_cast<void>(file->SetFilePointer(placeholderOffset, Ventra::FilePointerMoveMethod::kBegin));
+    const Tolbin::Result result = Write(inMooVAtom.data(), size);
+    if (result < 0)
+    {
+        return result;
+    }
+    // The movie itself is complete: a failure here does not count.
+    static_cast<void>(WritePlaceholderAtom(FourCC("skip"), static_cast<int>(placeholderSize - Low32(size))));
+    return result;
+}
+
+Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& outMooVAtom)
+{
+    try
+    {
+        std::erase_if(tracks, [](const auto& inTrack) { return inTrack.second.samples.empty(); });
+        std::map<TrackID, int> trackIndexByID;
+        for (const auto& [trackID, track] : tracks)
+        {
+            trackIndexByID.emplace(trackID, static_cast<int>(trackIndexByID.size()) + 1);
+        }
+        qtn_MovieHeaderAtom movieHeader;
+        MakeMovieHeader(movieHeader, movieTimeScale, GetMovieDuration(), static_cast<int>(tracks.size()), creationTime);
+
+        std::vector<Tolbin::utility::BinaryDataArray> trackAtoms;
+        trackAtoms.reserve(tracks.size());
+        for (auto& [trackID, track] : tracks)
+        {
+            const Tolbin::Result result = MakeTrackAtom(trackID, track, trackIndexByID, trackAtoms.emplace_back());
+            if (result < 0)
+            {
+                return result;
+            }
+        }
+
+        std::vector<qtn_GenericAtomHeader*> children{&movieHeader.header};
+        for (Tolbin::utility::BinaryDataArray& trackAtom : trackAtoms)
+        {
+            const qtn_GenericAtomHeaderPtr trackAtomPtr = AtomHeader(trackAtom);
+            TOLBIN_ASSERT(trackAtom.size() == TO_BIG(trackAtomPtr->atomSize), "");
+            children.push_back(trackAtomPtr);
+        }
+        Tolbin::utility::BinaryDataArray userDataAtom;
+        if (!userData.empty())
+        {
+            MakeUserDataAtom(userDataAtom, userData);
+            children.push_back(AtomHeader(userDataAtom));
+        }
+        const Tolbin::Result result = MakeContainer(FourCC("moov"), children, outMooVAtom);
+        TOLBIN_ASSERT_AS(result < 0 || outMooVAtom.size() == TO_BIG(AtomHeader(outMooVAtom)->atomSize),
+                         "outMooVAtom.size() == TO_BIG ( ((qtn_GenericAtomHeaderPtr)&outMooVAtom[0])->atomSize)",
+                         __PRETTY_FUNCTION__, "");
+        return result;
+    }
+    catch (...)
+    {
+        TOLBIN_REPORT("0", "");
+        return Tolbin::kResultOutOfMemory;
+    }
+}
+
+// 'trak': 'tkhd', ['tapt'], ['load'], 'edts', ['tref'], 'mdia' ('mdhd', 'hdlr', 'minf'), ['udta']; 'minf': media
+// header, data 'hdlr', 'dinf', 'stbl'. Built from the inside out.
+Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack,
+                                              std::map<TrackID, int>& inTrackIndexByID,
+                                              Tolbin::utility::BinaryDataArray& outTrackAtom)
+{
+    using Tolbin::utility::BinaryDataArray;
+
+    qtn_MediaHeaderAtom mediaHeader;
+    MakeMediaHeaderAtom(mediaHeader, inTrack.timeScale, inTrack.duration, creationTime);
+    BinaryDataArray mediaHandler;
+    MakeMediaHandlerAtom(mediaHandler, inTrack.mediaType);
+    qtn_CanonicalDataHandlerAtom dataHandler;
+    qtn_OneDataRef dataInfo;
+    MakeSelfReferencingDataHandlerAtom(dataHandler, dataInfo);
+
+    BinaryDataArray descriptionEntry;
+    inTrack.sampleDescription->GetAsBinary(descriptionEntry);
+    if (descriptionEntry.empty())
+    {
+        TOLBIN_REPORT("false", "Empty Sample Description Table for Track: " << inTrackID << '\n');
+        return Tolbin::kResultFailed;
+    }
+    const std::uint64_t descriptionSize = sizeof(qtn_SampleDescriptionAtom) + descriptionEntry.size();
+    if (descriptionSize > kMaxAtomSize)
+    {
+        return kQTErrTooLarge;
+    }
+    qtn_SampleDescriptionAtom description;
+    description.header = qtn_GenericAtomHeader(Low32(descriptionSize), FourCC("stsd"));
+    BinaryDataArray descriptionAtom;
+    descriptionAtom.reserve(descriptionSize);
+    AppendRecord(descriptionAtom, description);
+    descriptionAtom.insert(descriptionAtom.end(), descriptionEntry.begin(), descriptionEntry.end());
+
+    SampleTableItemsScope tables;
+    Tolbin::Result result = MakeSampleTableItems(inTrack, tables.items);
+    if (result < 0)
+    {
+        return result;
+    }
+    std::vector<qtn_GenericAtomHeader*> tableAtoms{AtomHeader(descriptionAtom)};
+    PushSampleTableItemsToAtomVector(tableAtoms, tables.items);
+    BinaryDataArray sampleTable;
+    result = MakeContainer(FourCC("stbl"), tableAtoms, sampleTable);
+    if (result < 0)
+    {
+        return result;
+    }
+
+    BinaryDataArray mediaInfoHeader;
+    MakeMediaSpecificMediaInfoHeaderAtom(mediaInfoHeader, inTrack.mediaType);
+    std::vector<qtn_GenericAtomHeader*> mediaInfoAtoms{AtomHeader(mediaInfoHeader), &dataHandler.header,
+                                                       &dataInfo.header, AtomHeader(sampleTable)};
+    BinaryDataArray mediaInfo;
+    result = MakeContainer(FourCC("minf"), mediaInfoAtoms, mediaInfo);
+    if (result < 0)
+    {
+        return result;
+    }
+    std::vector<qtn_GenericAtomHeader*> mediaAtoms{&mediaHeader.header, AtomHeader(mediaHandler),
+                                                   AtomHeader(mediaInfo)};
+    BinaryDataArray media;
+    result = MakeContainer(FourCC("mdia"), mediaAtoms, media);
+    if (result < 0)
+    {
+        return result;
+    }
+
+    qtn_TrackHeaderAtom trackHeader;
+    MakeTrackHeaderAtom(trackHeader, movieTimeScale, inTrack.timeScale, inTrackIndexByID[inTrackID], inTrack.mediaType,
+                        inTrack.width, inTrack.height, inTrack.duration, inTrack.trimIn, creationTime);
+    std::vector<qtn_GenericAtomHeader*> trackAtoms{&trackHeader.header};
+    BinaryDataArray aperture;
+    MakeOptionalTrackApertureAtom(inTrack.sampleDescription, inTrack.mediaType, aperture);
+    if (!aperture.empty())
+    {
+        trackAtoms.push_back(AtomHeader(aperture));
+    }
+    qtn_TrackLoadSettingsAtom loadSettings;
+    if (inTrack.mediaType == kQTMediaTypeVideo)
+    {
+        trackAtoms.push_back(&loadSettings.header);
+    }
+    BinaryDataArray edits;
+    MakeEditsAtom(edits, movieTimeScale, inTrack.timeScale, inTrack.duration, inTrack.trimIn);
+    trackAtoms.push_back(AtomHeader(edits));
+    BinaryDataArray references;
+    if (!inTrack.trackReferences.empty())
+    {
+        MakeTrackReferencesAtom(references, inTrack.trackReferences, inTrackIndexByID);
+        trackAtoms.push_back(AtomHeader(references));
+    }
+    trackAtoms.push_back(AtomHeader(media));
+    BinaryDataArray userDataAtom;
+    if (!inTrack.userData.empty())
+    {
+        MakeUserDataAtom(userDataAtom, inTrack.userData);
+        trackAtoms.push_back(AtomHeader(userDataAtom));
+    }
+    return MakeContainer(FourCC("trak"), trackAtoms, outTrackAtom);
+}
+
+} // namespace QT
