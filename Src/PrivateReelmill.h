@@ -55,7 +55,7 @@ private:
     };
 
     Tolbin::Result OpenMovieFile();
-    Tolbin::Result ReadCreationTime();
+    void ReadCreationTime();
     Tolbin::Result WriteMovieStart(unsigned int inDiskBufferSize);
     Tolbin::Result WritePlaceholderAtom(int inAtomType, int inAtomSize);
     Tolbin::Result PatchMediaDataSize();

@@ -252,8 +252,8 @@ Tolbin::Result MakeChunkAtoms(const std::vector<std::int64_t>& chunkOffsets, boo
                               qtn_SampleToChunkAtom** outSampleToChunk, qtn_ChunkOffsetAtom** outOffsets,
                               qtn_ChunkOffsetAtom64** outOffsets64)
 {
-    TOLBIN_ASSERT(chunkOffsets.size(), "");
-    TOLBIN_ASSERT(sampleToChunkTable.size(), "");
+    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
+    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
     const auto toOffset32 = [](std::int64_t inOffset) { return QT::Low32(static_cast<std::uint64_t>(inOffset)); };
     const auto toOffset64 = [](std::int64_t inOffset) { return static_cast<std::uint64_t>(inOffset); };
     const Tolbin::Result result = inNeeds64Bits ? MakeTableAtom<big_uint64_t>(chunkOffsets, *outOffsets64, toOffset64)

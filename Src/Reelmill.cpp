@@ -153,11 +153,7 @@ Tolbin::Result PrivateReelmill::OpenMovieFile()
     {
         return result;
     }
-    result = ReadCreationTime();
-    if (result < 0)
-    {
-        return result;
-    }
+    ReadCreationTime();
     // On failure the size is the platform's default.
     static_cast<void>(Ventra::DiskUtils::GetEfficientDiskBufferSizeFromPath(path, diskBufferSize));
     if (diskBufferSize == 0 || diskBufferSize > kMaxDiskBufferSize)
@@ -177,19 +173,20 @@ Tolbin::Result PrivateReelmill::OpenMovieFile()
     return unbufferedWriter->OpenExisting(file, path, mediaDataOffset);
 }
 
-Tolbin::Result PrivateReelmill::ReadCreationTime()
+void PrivateReelmill::ReadCreationTime()
 {
+    std::chrono::system_clock::time_point created;
     try
     {
-        const Tolbin::filesupport::File movie(path, Tolbin::filesupport::StorageType::kFileSystem);
-        const std::time_t created = std::chrono::system_clock::to_time_t(movie.Created());
-        // The reentrant form of `gmtime`: writers on different threads share nothing.
-        return gmtime_r(&created, &creationTime) != nullptr ? Tolbin::kResultSuccess : Tolbin::kResultFailed;
+        created = Tolbin::filesupport::File(path, Tolbin::filesupport::StorageType::kFileSystem).Created();
     }
-    catch (const std::system_error& error)
+    catch (const std::system_error&)
     {
-        return Tolbin::ResultFromSystemError(error.code().value());
+        created = std::chrono::system_clock::now(); // The file was created a moment ago.
     }
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(created);
+    // The reentrant form of `gmtime`: writers on different threads share nothing. Fails for years beyond 32 bits only.
+    static_cast<void>(gmtime_r(&seconds, &creationTime));
 }
 
 // On disk afterwards: 0 'ftyp' (32), 32 'skip' (P), 32 + P 'wide' (8), 40 + P the header of 'mdat' (8), 48 + P the
@@ -550,7 +547,7 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
         std::vector<qtn_GenericAtomHeader*> children{&movieHeader.header};
         for (Tolbin::utility::BinaryDataArray& trackAtom : trackAtoms)
         {
-            const qtn_GenericAtomHeaderPtr trackAtomPtr = AtomHeader(trackAtom);
+            qtn_GenericAtomHeader* const trackAtomPtr = AtomHeader(trackAtom);
             TOLBIN_ASSERT(trackAtom.size() == TO_BIG(trackAtomPtr->atomSize), "");
             children.push_back(trackAtomPtr);
         }

@@ -155,7 +155,8 @@ void Trace(int inLevel, const char* inCategory, const std::string& inMessage)
 
 DebugDatabase::DebugDatabase()
 {
-    const char* environment = std::getenv("TOLBIN_DEBUG_DATABASE");
+    // Read once, when the only instance is made.
+    const char* environment = std::getenv("TOLBIN_DEBUG_DATABASE"); // NOLINT(concurrency-mt-unsafe)
     std::string_view rest = environment != nullptr ? environment : "";
     while (!rest.empty())
     {

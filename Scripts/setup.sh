@@ -1,0 +1,47 @@
+# Sourced by the other scripts: where the project lies, and the Debian packages that each job needs.
+
+set -euo pipefail
+projectDir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+buildPackages=(
+    cmake g++ ninja-build pkg-config
+    libboost-dev libboost-system-dev
+    libavformat-dev libavcodec-dev libavutil-dev
+    libcli11-dev libfmt-dev
+)
+# GoogleTest and the readers that look at what the library wrote. clang builds the consumer of the installed library.
+testPackages=(
+    libgtest-dev libgmock-dev nlohmann-json3-dev python3 clang
+    ffmpeg mediainfo libimage-exiftool-perl quicktime-utils
+    gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
+)
+showPackages=(ffmpeg)
+checkPackages=(clang clang-format clang-tidy clang-tools libclang-rt-14-dev valgrind)
+
+# Installs what is missing of the packages given; silent when nothing is.
+ensurePackages()
+{
+    local missing=() package
+    for package in "$@"; do
+        dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return
+    local asRoot=()
+    if [ "$(id -u)" -ne 0 ]; then
+        asRoot=(sudo)
+    fi
+    echo "Installing ${missing[*]}" >&2
+    "${asRoot[@]}" apt-get update -q >&2
+    "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}" >&2
+}
+
+# Runs a command and shows what it printed only when it fails.
+quietly()
+{
+    local log status=0
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 || status=$?
+    [ $status -eq 0 ] || cat "$log" >&2
+    rm -f "$log"
+    return $status
+}
