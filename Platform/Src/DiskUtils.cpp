@@ -6,7 +6,13 @@ namespace Ventra::DiskUtils
 
 Tolbin::Result GetEfficientDiskBufferSizeFromPath(const Tolbin::UTF16String& inPath, unsigned int& outSize)
 {
-    return FileSystem::Current().GetEfficientDiskBufferSize(inPath, outSize);
+    constexpr unsigned int kDefaultSize = 4096;
+    const Tolbin::Result result = FileSystem::Current().GetEfficientDiskBufferSize(inPath, outSize);
+    if (result < 0)
+    {
+        outSize = kDefaultSize;
+    }
+    return result;
 }
 
 } // namespace Ventra::DiskUtils

@@ -145,7 +145,6 @@ public:
 
     Tolbin::Result GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize) override
     {
-        outSize = kDefaultDiskBufferSize;
         std::string path;
         const Tolbin::Result result = MakeSystemPath(inPath, path);
         if (result < 0)
@@ -159,6 +158,7 @@ public:
         {
             return LastSystemError();
         }
+        outSize = kDefaultDiskBufferSize;
         if (info.st_blksize > 0)
         {
             const auto preferred = static_cast<std::uint64_t>(info.st_blksize);

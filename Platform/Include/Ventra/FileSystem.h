@@ -111,7 +111,7 @@ public:
 
     virtual FileSystemType::Type GetType(Handle inHandle) = 0;
 
-    //! The size of the writes that the volume of an existing file takes best, in bytes.
+    //! The size of the writes that the volume of an existing file takes best, in bytes. Sets `outSize` on success only.
     virtual Tolbin::Result GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize) = 0;
 
     //! The file system that files opened from now on use.
