@@ -82,10 +82,7 @@ public:
         {
             AppendRecord(outEntry, qtn_GammaAtom{});
         }
-        if (mExtraPadding != 0)
-        {
-            outEntry.resize(outEntry.size() + mExtraPadding);
-        }
+        outEntry.insert(outEntry.end(), mExtraPadding, 0);
         StoreRecord(outEntry, 0, big_uint32_t(Low32(outEntry.size())));
     }
 
