@@ -1,5 +1,9 @@
-# What `cmake --install` puts where: the libraries, the public headers, the command when it was built, and what CMake and
-# pkg-config need to find them. The installed tree can be moved as a whole.
+# What the shared library shows, and where `cmake --install` puts things: the libraries, the public headers, the command
+# when it was built, and what CMake and pkg-config need to find them. The installed tree can be moved as a whole.
+
+set(exports ${PROJECT_SOURCE_DIR}/CMake/Exports.map)
+target_link_options(Reelmill PRIVATE LINKER:--version-script=${exports})
+set_target_properties(Reelmill PROPERTIES LINK_DEPENDS ${exports})
 
 option(REELMILL_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 if(NOT REELMILL_INSTALL)
@@ -19,9 +23,6 @@ install(DIRECTORY
     FILES_MATCHING PATTERN "*.h")
 
 if(TARGET reelmill)
-    # The command finds the library beside it wherever both were moved to.
-    file(RELATIVE_PATH binToLib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-    set_target_properties(reelmill PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
     install(TARGETS reelmill)
 endif()
 

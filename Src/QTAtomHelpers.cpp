@@ -347,12 +347,9 @@ Tolbin::Result MakeAggregatedChunkTableAtomsPtrs(QT::TrackRec& track, qtn_Sample
         }
         previousEnds = record.endsChunk;
     }
-    if (chunk.samples != 0)
+    if (!track.samples.empty())
     {
-        close(false);
-    }
-    if (run.firstChunk != 0)
-    {
+        close(false); // Also a chunk that a last record without samples has begun.
         sampleToChunkTable.push_back(run);
     }
     const bool needs64Bits = std::any_of(track.samples.begin(), track.samples.end(), Needs64Bits);

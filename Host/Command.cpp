@@ -1,0 +1,216 @@
+#include "Command.h"
+
+#include "CommandError.h"
+#include "Demo.h"
+#include "MediaSource.h"
+#include "Wrap.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <fmt/format.h>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace Host
+{
+
+namespace
+{
+
+//! Where a subcommand writes what.
+struct Streams
+{
+    std::ostream& out;
+    std::ostream& err;
+};
+
+Progress::Style ProgressStyle(const std::ostream& inStream, bool inIsQuiet)
+{
+    if (inIsQuiet)
+    {
+        return Progress::Style::kQuiet;
+    }
+    const bool isTerminal = &inStream == &std::cerr && ::isatty(STDERR_FILENO) == 1;
+    return isTerminal ? Progress::Style::kTerminal : Progress::Style::kLines;
+}
+
+void PrintSummary(const WrapSummary& inSummary, std::ostream& out)
+{
+    const MovieLayout& layout = inSummary.layout;
+    out << fmt::format("{}: {}, {}\n", inSummary.output.string(), FormatSeconds(inSummary.seconds),
+                       FormatBytes(layout.fileSize));
+    int number = 0;
+    for (const WrapSummary::Track& track : inSummary.tracks)
+    {
+        out << fmt::format("  track {}: {}, {}; {} {}, {}, {}", ++number, track.kind, track.format, track.samples,
+                           track.kind == "video" ? "frames" : "samples", FormatSeconds(track.seconds),
+                           FormatBytes(track.bytes));
+        out << (track.delay > 0 ? fmt::format(", starts at {}\n", FormatSeconds(track.delay)) : "\n");
+    }
+    out << fmt::format("  'moov' at byte {}, {} the media at byte {}\n", layout.movieOffset,
+                       layout.movieOffset < layout.mediaOffset ? "before" : "behind", layout.mediaOffset);
+    for (const std::string& note : inSummary.notes)
+    {
+        out << fmt::format("  note: {}\n", note);
+    }
+}
+
+//! A frame rate as a user writes it: 25, 29.97, 30000/1001.
+AVRational ParseFrameRate(const std::string& inText)
+{
+    AVRational rate = {0, 1};
+    const bool isNumber = !inText.empty() && inText.find_first_not_of("0123456789./") == std::string::npos;
+    if (!isNumber || av_parse_video_rate(&rate, inText.c_str()) < 0)
+    {
+        throw CommandError(ExitCode::kUsage,
+                           fmt::format("--fps {} is no frame rate; write it as 25, 23.976 or 24000/1001", inText));
+    }
+    return rate;
+}
+
+struct WrapArguments
+{
+    std::vector<std::string> inputs;
+    std::string output;
+    std::string frameRate;
+    bool overwrite = false;
+    bool quiet = false;
+};
+
+void RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
+{
+    WrapOptions options;
+    options.inputs = inArguments.inputs;
+    options.output = inArguments.output;
+    options.overwrite = inArguments.overwrite;
+    if (!inArguments.frameRate.empty())
+    {
+        options.frameRate = ParseFrameRate(inArguments.frameRate);
+        if (std::none_of(options.inputs.begin(), options.inputs.end(), MediaSource::IsImageSequence))
+        {
+            throw CommandError(ExitCode::kUsage, "--fps is for image sequences, and none of the inputs is one");
+        }
+    }
+    WrapSummary summary;
+    {
+        Progress progress(inStreams.err, ProgressStyle(inStreams.err, inArguments.quiet));
+        summary = Wrap(options, progress);
+    }
+    if (!inArguments.quiet)
+    {
+        PrintSummary(summary, inStreams.out);
+        return;
+    }
+    for (const std::string& note : summary.notes)
+    {
+        inStreams.err << fmt::format("reelmill: note: {}\n", note);
+    }
+}
+
+void AddWrap(CLI::App& ioApp, const Streams& inStreams)
+{
+    const auto arguments = std::make_shared<WrapArguments>();
+    CLI::App* command =
+        ioApp.add_subcommand("wrap", "Puts media files into a QuickTime movie without encoding them anew");
+    command
+        ->add_option("input", arguments->inputs,
+                     "Media files, or image sequences by a pattern such as frame%04d.png: the first video and all "
+                     "audio streams of each are taken")
+        ->required()
+        ->type_name("INPUT");
+    command->add_option("-o,--output", arguments->output, "The movie to write")->required()->type_name("OUT.mov");
+    command->add_option("--fps", arguments->frameRate, "Frame rate of image sequences, such as 25 or 24000/1001")
+        ->type_name("RATE");
+    command->add_flag("-y,--overwrite", arguments->overwrite, "Replace the movie if it exists");
+    command->add_flag("-q,--quiet", arguments->quiet,
+                      "Print neither progress nor a summary; notes go to standard error");
+    command->callback([arguments, inStreams] { RunWrap(*arguments, inStreams); });
+}
+
+struct DemoArguments
+{
+    std::string output;
+    bool overwrite = false;
+    bool quiet = false;
+};
+
+void RunDemo(const DemoArguments& inArguments, const Streams& inStreams)
+{
+    DemoOptions options;
+    options.output = inArguments.output;
+    options.overwrite = inArguments.overwrite;
+    const DemoSummary summary = WriteDemoMovie(options);
+    if (!inArguments.quiet)
+    {
+        inStreams.out << fmt::format("{}: {}, {}, {} tracks\n", summary.path.string(), FormatSeconds(summary.seconds),
+                                     FormatBytes(summary.bytes), summary.tracks);
+    }
+}
+
+void AddDemo(CLI::App& ioApp, const Streams& inStreams)
+{
+    const auto arguments = std::make_shared<DemoArguments>();
+    CLI::App* command = ioApp.add_subcommand("demo", "Writes a movie that shows what the library can do");
+    command->add_option("output", arguments->output, "The movie to write")->required()->type_name("OUT.mov");
+    command->add_flag("-y,--overwrite", arguments->overwrite, "Replace the movie if it exists");
+    command->add_flag("-q,--quiet", arguments->quiet, "Print no summary");
+    command->callback([arguments, inStreams] { RunDemo(*arguments, inStreams); });
+}
+
+int Fail(std::ostream& err, ExitCode inExitCode, const std::string& inSentence)
+{
+    err << "reelmill: " << inSentence << std::endl;
+    return static_cast<int>(inExitCode);
+}
+
+} // namespace
+
+int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
+{
+    try
+    {
+        const Streams streams = {out, err};
+        CLI::App app("Writes QuickTime movies.", "reelmill");
+        app.set_version_flag("--version", "reelmill " REELMILL_VERSION);
+        app.require_subcommand(1);
+        AddWrap(app, streams);
+        AddDemo(app, streams);
+        try
+        {
+            app.parse(argc, argv);
+        }
+        catch (const CLI::ParseError& error)
+        {
+            if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success))
+            {
+                const bool isMisnamed = app.get_subcommands().empty() && !app.remaining().empty();
+                return Fail(err, ExitCode::kUsage,
+                            isMisnamed ? fmt::format("\"{}\" is no subcommand or option (see reelmill --help)",
+                                                     app.remaining().front())
+                                       : fmt::format("{} (see reelmill --help)", error.what()));
+            }
+            app.exit(error, out, err); // Help or version was asked for.
+        }
+        out.flush();
+        return out ? static_cast<int>(ExitCode::kDone)
+                   : Fail(err, ExitCode::kIOFailed, "standard output cannot be written to");
+    }
+    catch (const CommandError& error)
+    {
+        return Fail(err, error.GetExitCode(), error.what());
+    }
+    catch (const std::bad_alloc&)
+    {
+        return Fail(err, ExitCode::kIOFailed, "there is not enough memory");
+    }
+    catch (const std::exception& error)
+    {
+        return Fail(err, ExitCode::kIOFailed, error.what());
+    }
+}
+
+} // namespace Host

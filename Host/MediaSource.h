@@ -1,0 +1,73 @@
+#pragma once
+
+#include "LibAV.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Host
+{
+
+//! One input: a file, or an image sequence named by a pattern, opened with libavformat. Of its streams the first video
+//! and all audio are taken; attached pictures are no video.
+class MediaSource
+{
+public:
+    //! Opens the input and reads as much of it as libavformat needs to tell its streams apart.
+    //!
+    //! \param inFrameRate  rate of an image sequence, which needs one; not looked at otherwise
+    //!
+    //! Throws CommandError: `kIOFailed` when it cannot be opened or read, `kInputRefused` when it holds no media that
+    //! libavformat knows, neither video nor audio, an image sequence with a gap or without a frame rate.
+    MediaSource(const std::string& inPath, AVRational inFrameRate);
+
+    //! As the user gave it.
+    const std::string& GetPath() const { return mPath; }
+
+    AVFormatContext& GetFormat() const { return *mFormat; }
+
+    //! The streams that are taken, in the order of the input.
+    const std::vector<AVStream*>& GetStreams() const { return mStreams; }
+
+    //! What is not taken over, one sentence each.
+    const std::vector<std::string>& GetNotes() const { return mNotes; }
+
+    //! Length in seconds as the input states it; 0 when it does not.
+    double GetExpectedSeconds() const;
+
+    //! Length in seconds that the media will not pass, going by what the input states or its size; 0 when nothing is
+    //! known.
+    double GetMaximumSeconds() const;
+
+    //! The next packet of one of `GetStreams`, unchanged; null at the end. Throws CommandError when reading fails.
+    PacketPtr ReadPacket();
+
+    //! Whether `inPath` names an image sequence: a file name with a number pattern such as %04d, of which there is no
+    //! file of exactly that name, or a single picture.
+    static bool IsImageSequence(const std::string& inPath);
+
+    //! The files that an input consists of. Throws CommandError when the folder of a sequence cannot be read.
+    static std::vector<std::string> FilesOf(const std::string& inPath);
+
+private:
+    struct FormatCloser
+    {
+        void operator()(AVFormatContext* inFormat) const { avformat_close_input(&inFormat); }
+    };
+
+    void SelectStreams();
+
+    std::string mPath;
+    std::unique_ptr<AVFormatContext, FormatCloser> mFormat;
+    std::vector<AVStream*> mStreams;
+    std::vector<std::string> mNotes;
+};
+
+//! Names a stream in a sentence: `stream 1 (audio, pcm_s16le) of "a.mov"`.
+std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream);
+
+//! Ends the command because a movie cannot hold the stream; `inReason` completes "stream ... cannot be wrapped: ".
+[[noreturn]] void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason);
+
+} // namespace Host

@@ -1,0 +1,96 @@
+#include "MovieLayout.h"
+
+#include "CommandError.h"
+
+#include <boost/endian/conversion.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <fstream>
+
+namespace Host
+{
+
+namespace
+{
+
+constexpr std::uint64_t kHeaderSize = 8;
+constexpr std::uint64_t kLargeHeaderSize = 16; //!< A 32-bit size of 1 says that 64 bits follow the type.
+
+bool IsPrintable(unsigned char inByte)
+{
+    return inByte >= 0x20 && inByte <= 0x7E;
+}
+
+[[noreturn]] void Fail(const std::filesystem::path& inPath, const std::string& inReason)
+{
+    throw CommandError(ExitCode::kIOFailed,
+                       fmt::format("\"{}\" was not written completely: {}; check the disk", inPath.string(), inReason));
+}
+
+} // namespace
+
+MovieLayout ReadMovieLayout(const std::filesystem::path& inPath)
+{
+    std::ifstream file(inPath, std::ios::binary);
+    file.seekg(0, std::ios::end);
+    const std::streamoff end = file.tellg();
+    if (!file || end < 0)
+    {
+        Fail(inPath, "it cannot be read back");
+    }
+    MovieLayout layout;
+    bool hasMovie = false;
+    bool hasMedia = false;
+    layout.fileSize = static_cast<std::uint64_t>(end);
+    for (std::uint64_t offset = 0; offset < layout.fileSize;)
+    {
+        std::array<unsigned char, kLargeHeaderSize> header = {};
+        const std::uint64_t available = std::min<std::uint64_t>(header.size(), layout.fileSize - offset);
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(reinterpret_cast<char*>(header.data()), static_cast<std::streamsize>(available));
+        if (!file)
+        {
+            Fail(inPath, fmt::format("it cannot be read back at byte {}", offset));
+        }
+        std::uint64_t size = boost::endian::load_big_u32(header.data());
+        const bool isLarge = size == 1;
+        if (isLarge)
+        {
+            size = boost::endian::load_big_u64(header.data() + kHeaderSize);
+        }
+        if (available < (isLarge ? kLargeHeaderSize : kHeaderSize) || size < (isLarge ? kLargeHeaderSize : kHeaderSize))
+        {
+            Fail(inPath, fmt::format("byte {} does not start an atom", offset));
+        }
+        if (size > layout.fileSize - offset)
+        {
+            Fail(inPath,
+                 fmt::format("the file ends {} bytes before its last atom does", size - (layout.fileSize - offset)));
+        }
+        if (!std::all_of(header.begin() + 4, header.begin() + 8, IsPrintable))
+        {
+            Fail(inPath, fmt::format("the atom at byte {} has no type", offset));
+        }
+        if (std::memcmp(header.data() + 4, "moov", 4) == 0)
+        {
+            hasMovie = true;
+            layout.movieOffset = offset;
+        }
+        else if (std::memcmp(header.data() + 4, "mdat", 4) == 0)
+        {
+            hasMedia = true;
+            layout.mediaOffset = offset;
+        }
+        offset += size;
+    }
+    if (!hasMovie || !hasMedia)
+    {
+        Fail(inPath, !hasMovie ? "it has no 'moov' atom" : "it has no 'mdat' atom");
+    }
+    return layout;
+}
+
+} // namespace Host

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+namespace Host
+{
+
+//! Where the parts of a finished movie file lie.
+struct MovieLayout
+{
+    std::uint64_t fileSize = 0;
+    std::uint64_t movieOffset = 0; //!< of 'moov'
+    std::uint64_t mediaOffset = 0; //!< of 'mdat'
+};
+
+//! Reads the headers of the file's top-level atoms, which must follow each other from its first to its last byte and
+//! hold one 'moov' and one 'mdat'. A media block that never reached the disk shows here and nowhere else.
+//!
+//! Throws CommandError with `kIOFailed` otherwise.
+MovieLayout ReadMovieLayout(const std::filesystem::path& inPath);
+
+} // namespace Host

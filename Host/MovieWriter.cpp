@@ -1,0 +1,83 @@
+#include "MovieWriter.h"
+
+#include "CommandError.h"
+
+#include <Tolbin/String.h>
+
+#include <fmt/format.h>
+
+namespace Host
+{
+
+MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale)
+    : mName(inName.string()), mWriter(QT::CreateReelmill())
+{
+    mPreviousHandler = Tolbin::debug::SetReportHandler([this](const Tolbin::debug::Report& inReport, bool&) {
+        if (!mReport)
+        {
+            mReport = inReport.message.empty() ? inReport.expression : inReport.message;
+            while (!mReport->empty() && mReport->back() == '\n')
+            {
+                mReport->pop_back();
+            }
+        }
+        return false;
+    });
+    try
+    {
+        Check(mWriter->Create(Tolbin::string::UTF8to16(inPath.string()), inTimeScale));
+    }
+    catch (...)
+    {
+        Tolbin::debug::SetReportHandler(mPreviousHandler);
+        throw;
+    }
+}
+
+MovieWriter::~MovieWriter()
+{
+    Tolbin::debug::SetReportHandler(mPreviousHandler);
+}
+
+void MovieWriter::Check(Tolbin::Result inResult)
+{
+    if (inResult < 0)
+    {
+        throw CommandError(ExitCode::kIOFailed,
+                           fmt::format("\"{}\" cannot be written: {}", mName, Tolbin::ResultMessage(inResult)));
+    }
+    if (mReport)
+    {
+        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" would not be a sound movie: {}", mName, *mReport));
+    }
+}
+
+QT::TrackID MovieWriter::AddTrack(QT::MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
+                                  const boost::shared_ptr<QT::QTSampleDescription>& inDescription)
+{
+    QT::TrackID track = 0;
+    Check(mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inDescription, track));
+    return track;
+}
+
+void MovieWriter::SetTrimIn(QT::TrackID inTrack, int inTrimIn)
+{
+    Check(mWriter->SetTrackTrimIn(inTrack, inTrimIn));
+}
+
+void MovieWriter::AddSamples(QT::TrackID inTrack, std::uint8_t* inData, int inSize, int inCount, int inDuration)
+{
+    Check(mWriter->AddMediaSample(inTrack, inData, inSize, inCount, inDuration, 0, false));
+}
+
+void MovieWriter::EndChunk(QT::TrackID inTrack)
+{
+    Check(mWriter->EndMediaChunk(inTrack));
+}
+
+void MovieWriter::Close()
+{
+    Check(mWriter->Close());
+}
+
+} // namespace Host

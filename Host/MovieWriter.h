@@ -1,0 +1,43 @@
+#pragma once
+
+#include <Reelmill/Reelmill.h>
+#include <Tolbin/Debug.h>
+
+#include <boost/shared_ptr.hpp>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace Host
+{
+
+//! A movie writer whose failures are CommandErrors. What the library reports as an assertion while the object lives is
+//! a failure too: the file would not be what it says.
+class MovieWriter
+{
+public:
+    //! Creates the movie at `inPath`; sentences call it `inName`.
+    MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale);
+    ~MovieWriter();
+
+    MovieWriter(const MovieWriter&) = delete;
+    MovieWriter& operator=(const MovieWriter&) = delete;
+
+    QT::TrackID AddTrack(QT::MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
+                         const boost::shared_ptr<QT::QTSampleDescription>& inDescription);
+    void SetTrimIn(QT::TrackID inTrack, int inTrimIn);
+    void AddSamples(QT::TrackID inTrack, std::uint8_t* inData, int inSize, int inCount, int inDuration);
+    void EndChunk(QT::TrackID inTrack);
+    void Close();
+
+private:
+    void Check(Tolbin::Result inResult);
+
+    std::string mName;
+    std::optional<std::string> mReport; //!< The first report.
+    Tolbin::debug::ReportHandler mPreviousHandler;
+    boost::shared_ptr<QT::Reelmill> mWriter;
+};
+
+} // namespace Host

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace Host
+{
+
+//! The file that a subcommand is asked to write. It takes its name only when it is complete: what is written goes to a
+//! part file beside it ("movie.mov.part"), so that a failure leaves nothing behind and an existing file as it was.
+class OutputFile
+{
+public:
+    //! Refuses (CommandError) an output that exists unless `inOverwrite`, that is no regular file or not writable, that
+    //! is one of `inInputs` (by device and inode), whose folder is missing, or whose path is not valid UTF-8. Touches
+    //! nothing.
+    OutputFile(const std::filesystem::path& inPath, bool inOverwrite, const std::vector<std::string>& inInputs);
+
+    //! Removes the part file unless it was committed.
+    ~OutputFile();
+
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    //! As the user gave it.
+    const std::filesystem::path& GetPath() const { return mPath; }
+
+    //! Creates the part file, empty, and returns its path. Throws CommandError when that fails.
+    const std::filesystem::path& CreatePart();
+
+    //! Gives the part file the output's name. Without `inOverwrite` a file that has come to exist meanwhile is left
+    //! alone. Throws CommandError, and the part file goes, when that fails.
+    void Commit();
+
+private:
+    std::filesystem::path mPath;
+    std::filesystem::path mTarget; //!< The file itself, where `mPath` is a symbolic link to it.
+    std::filesystem::path mPart;   //!< Empty unless it exists.
+    bool mOverwrite;
+};
+
+} // namespace Host

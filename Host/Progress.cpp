@@ -1,0 +1,94 @@
+#include "Progress.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fmt/format.h>
+#include <ostream>
+
+namespace Host
+{
+
+namespace
+{
+constexpr std::chrono::milliseconds kTerminalInterval{100};
+constexpr std::chrono::milliseconds kLinesInterval{5000};
+} // namespace
+
+Progress::Progress(std::ostream& inStream, Style inStyle) : mStream(inStream), mStyle(inStyle) {}
+
+Progress::~Progress()
+{
+    if (mShownLength > 0)
+    {
+        mStream << '\n' << std::flush;
+    }
+}
+
+void Progress::Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes)
+{
+    if (mStyle == Style::kQuiet)
+    {
+        return;
+    }
+    const std::chrono::milliseconds interval = mStyle == Style::kTerminal ? kTerminalInterval : kLinesInterval;
+    if (!mStarted)
+    {
+        mStarted = true;
+        mStart = inNow;
+        mNextShow = inNow + interval;
+        return;
+    }
+    if (inNow < mNextShow)
+    {
+        return;
+    }
+    mNextShow = inNow + interval;
+    const double elapsed = std::chrono::duration<double>(inNow - mStart).count();
+    std::string line = FormatSeconds(inSeconds);
+    if (mExpectedSeconds > 0)
+    {
+        line += fmt::format(" ({:.0f} %)", 100 * std::min(1.0, inSeconds / mExpectedSeconds));
+    }
+    line += fmt::format(", {}", FormatBytes(inBytes));
+    if (elapsed > 0)
+    {
+        line += fmt::format(", {}/s", FormatBytes(static_cast<std::uint64_t>(static_cast<double>(inBytes) / elapsed)));
+    }
+    if (mStyle == Style::kTerminal)
+    {
+        const std::size_t length = line.size();
+        line.resize(std::max(length, mShownLength), ' ');
+        mStream << '\r' << line << std::flush;
+        mShownLength = length;
+    }
+    else
+    {
+        mStream << line << std::endl;
+    }
+}
+
+std::string FormatBytes(std::uint64_t inBytes)
+{
+    constexpr const char* kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
+    if (inBytes < 1024)
+    {
+        return fmt::format("{} bytes", inBytes);
+    }
+    double value = static_cast<double>(inBytes) / 1024;
+    std::size_t unit = 0;
+    while (value >= 1024 && unit + 1 < std::size(kUnits))
+    {
+        value /= 1024;
+        ++unit;
+    }
+    return fmt::format("{:.1f} {}", value, kUnits[unit]);
+}
+
+std::string FormatSeconds(double inSeconds)
+{
+    const long long milliseconds = std::llround(inSeconds * 1000);
+    return fmt::format("{}:{:02}:{:02}.{:03}", milliseconds / 3600000, milliseconds / 60000 % 60,
+                       milliseconds / 1000 % 60, milliseconds % 1000);
+}
+
+} // namespace Host

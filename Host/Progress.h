@@ -1,0 +1,57 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace Host
+{
+
+//! Tells the user how far a long piece of work has come.
+class Progress
+{
+public:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    enum class Style
+    {
+        kQuiet,    //!< says nothing
+        kTerminal, //!< redraws one line
+        kLines     //!< writes a line every few seconds
+    };
+
+    Progress(std::ostream& inStream, Style inStyle);
+
+    //! Ends the line on a terminal.
+    ~Progress();
+
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    //! The length of the whole, in seconds of movie; 0 when it is not known.
+    void SetExpectedSeconds(double inSeconds) { mExpectedSeconds = inSeconds; }
+
+    //! Shows the state unless it was shown just now.
+    //!
+    //! \param inSeconds  length of the movie written so far
+    //! \param inBytes    size of the media written so far
+    void Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes);
+
+private:
+    std::ostream& mStream;
+    Style mStyle;
+    double mExpectedSeconds = 0;
+    TimePoint mStart;
+    TimePoint mNextShow;
+    bool mStarted = false;
+    std::size_t mShownLength = 0; //!< of the line that stands on the terminal
+};
+
+//! A size for people: "1.5 GiB".
+std::string FormatBytes(std::uint64_t inBytes);
+
+//! A length of time for people: "1:02:03.250".
+std::string FormatSeconds(double inSeconds);
+
+} // namespace Host

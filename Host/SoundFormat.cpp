@@ -1,0 +1,226 @@
+#include "SoundFormat.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+
+namespace Host
+{
+
+namespace
+{
+
+struct SampleForm
+{
+    AVCodecID codec;
+    Sambrel::AudioSampleType type;
+    int bytes;
+};
+
+constexpr std::array<SampleForm, 11> kSampleForms = {{
+    {AV_CODEC_ID_PCM_U8, Sambrel::kAudioSampleTypeUInt8, 1},
+    {AV_CODEC_ID_PCM_S8, Sambrel::kAudioSampleTypeInt8, 1},
+    {AV_CODEC_ID_PCM_S16LE, Sambrel::kAudioSampleTypeInt16LE, 2},
+    {AV_CODEC_ID_PCM_S24LE, Sambrel::kAudioSampleTypeInt24LE, 3},
+    {AV_CODEC_ID_PCM_S32LE, Sambrel::kAudioSampleTypeInt32LE, 4},
+    {AV_CODEC_ID_PCM_F32LE, Sambrel::kAudioSampleTypeFloat32LE, 4},
+    {AV_CODEC_ID_PCM_F64LE, Sambrel::kAudioSampleTypeFloat64LE, 8},
+    {AV_CODEC_ID_PCM_S16BE, Sambrel::kAudioSampleTypeInt16BE, 2},
+    {AV_CODEC_ID_PCM_S24BE, Sambrel::kAudioSampleTypeInt24BE, 3},
+    {AV_CODEC_ID_PCM_S32BE, Sambrel::kAudioSampleTypeInt32BE, 4},
+    {AV_CODEC_ID_PCM_F32BE, Sambrel::kAudioSampleTypeFloat32BE, 4},
+}};
+
+//! The label of a speaker position. The movie format's channel bitmap has the bits of a WAVE channel mask, so that its
+//! "left surround" (bit 4) is what libav calls back left, and its "left surround direct" (bit 9) is side left.
+Quorlan::AudioChannelLabel LabelOf(int inChannel)
+{
+    switch (inChannel)
+    {
+    case AV_CHAN_FRONT_LEFT:
+        return Quorlan::kAudioChannelLabelLeft;
+    case AV_CHAN_FRONT_RIGHT:
+        return Quorlan::kAudioChannelLabelRight;
+    case AV_CHAN_FRONT_CENTER:
+        return Quorlan::kAudioChannelLabelCenter;
+    case AV_CHAN_LOW_FREQUENCY:
+        return Quorlan::kAudioChannelLabelLFEScreen;
+    case AV_CHAN_BACK_LEFT:
+        return Quorlan::kAudioChannelLabelLeftSurround;
+    case AV_CHAN_BACK_RIGHT:
+        return Quorlan::kAudioChannelLabelRightSurround;
+    case AV_CHAN_FRONT_LEFT_OF_CENTER:
+        return Quorlan::kAudioChannelLabelLeftCenter;
+    case AV_CHAN_FRONT_RIGHT_OF_CENTER:
+        return Quorlan::kAudioChannelLabelRightCenter;
+    case AV_CHAN_BACK_CENTER:
+        return Quorlan::kAudioChannelLabelCenterSurround;
+    case AV_CHAN_SIDE_LEFT:
+    case AV_CHAN_SURROUND_DIRECT_LEFT:
+        return Quorlan::kAudioChannelLabelLeftSurroundDirect;
+    case AV_CHAN_SIDE_RIGHT:
+    case AV_CHAN_SURROUND_DIRECT_RIGHT:
+        return Quorlan::kAudioChannelLabelRightSurroundDirect;
+    case AV_CHAN_TOP_CENTER:
+        return Quorlan::kAudioChannelLabelTopCenterSurround;
+    case AV_CHAN_TOP_FRONT_LEFT:
+        return Quorlan::kAudioChannelLabelVerticalHeightLeft;
+    case AV_CHAN_TOP_FRONT_CENTER:
+        return Quorlan::kAudioChannelLabelVerticalHeightCenter;
+    case AV_CHAN_TOP_FRONT_RIGHT:
+        return Quorlan::kAudioChannelLabelVerticalHeightRight;
+    case AV_CHAN_TOP_BACK_LEFT:
+        return Quorlan::kAudioChannelLabelTopBackLeft;
+    case AV_CHAN_TOP_BACK_CENTER:
+        return Quorlan::kAudioChannelLabelTopBackCenter;
+    case AV_CHAN_TOP_BACK_RIGHT:
+        return Quorlan::kAudioChannelLabelTopBackRight;
+    case AV_CHAN_STEREO_LEFT:
+        return Quorlan::kAudioChannelLabelLeftTotal;
+    case AV_CHAN_STEREO_RIGHT:
+        return Quorlan::kAudioChannelLabelRightTotal;
+    case AV_CHAN_WIDE_LEFT:
+        return Quorlan::kAudioChannelLabelLeftWide;
+    case AV_CHAN_WIDE_RIGHT:
+        return Quorlan::kAudioChannelLabelRightWide;
+    case AV_CHAN_LOW_FREQUENCY_2:
+        return Quorlan::kAudioChannelLabelLFE2;
+    // Ambisonic components are numbered W, Y, Z, X.
+    case AV_CHAN_AMBISONIC_BASE:
+        return Quorlan::kAudioChannelLabelAmbisonicW;
+    case AV_CHAN_AMBISONIC_BASE + 1:
+        return Quorlan::kAudioChannelLabelAmbisonicY;
+    case AV_CHAN_AMBISONIC_BASE + 2:
+        return Quorlan::kAudioChannelLabelAmbisonicZ;
+    case AV_CHAN_AMBISONIC_BASE + 3:
+        return Quorlan::kAudioChannelLabelAmbisonicX;
+    default:
+        return Quorlan::kAudioChannelLabelDiscrete;
+    }
+}
+
+std::string LayoutName(const AVChannelLayout& inLayout)
+{
+    if (inLayout.order == AV_CHANNEL_ORDER_UNSPEC)
+    {
+        return inLayout.nb_channels == 1 ? "mono" : fmt::format("{} channels", inLayout.nb_channels);
+    }
+    std::array<char, 256> text = {};
+    const int length = av_channel_layout_describe(&inLayout, text.data(), text.size());
+    return length > 0 ? std::string(text.data()) : fmt::format("{} channels", inLayout.nb_channels);
+}
+
+//! A version 1 entry says "raw " for both 8-bit forms, which readers take as unsigned. In such an entry the format has
+//! 'twos' for signed samples of 8 bits; nothing else differs.
+class SignedByteDescription final : public QT::QTSampleDescription
+{
+public:
+    explicit SignedByteDescription(boost::shared_ptr<QT::QTSampleDescription> inDescription)
+        : mDescription(std::move(inDescription))
+    {
+    }
+
+    void GetAsBinary(Tolbin::utility::BinaryDataArray& outEntry) override
+    {
+        constexpr std::size_t kDataFormatOffset = 4;
+        mDescription->GetAsBinary(outEntry);
+        if (std::memcmp(outEntry.data() + kDataFormatOffset, "raw ", 4) == 0)
+        {
+            std::memcpy(outEntry.data() + kDataFormatOffset, "twos", 4);
+        }
+    }
+
+private:
+    boost::shared_ptr<QT::QTSampleDescription> mDescription;
+};
+
+//! The labels of the stream's channels, and whether those without a position are numbered (`outDiscrete`). A position
+//! that the input does not state is never guessed; only a single channel means mono.
+Quorlan::AudioChannelLayout LabelsOf(const AVChannelLayout& inLayout, bool& outDiscrete,
+                                     std::vector<std::string>& ioNotes)
+{
+    Quorlan::AudioChannelLayout labels;
+    const bool isStated = inLayout.order != AV_CHANNEL_ORDER_UNSPEC;
+    for (int index = 0; index < inLayout.nb_channels; ++index)
+    {
+        const int channel =
+            isStated ? av_channel_layout_channel_from_index(&inLayout, static_cast<unsigned int>(index)) : AV_CHAN_NONE;
+        Quorlan::AudioChannelLabel label = LabelOf(channel);
+        const bool isRepeated = std::any_of(labels.begin(), labels.end(),
+                                            [label](const auto& inOther) { return inOther.GetLabel() == label; });
+        if (isRepeated)
+        {
+            label = Quorlan::kAudioChannelLabelDiscrete;
+        }
+        if (isStated && label == Quorlan::kAudioChannelLabelDiscrete)
+        {
+            std::array<char, 64> name = {};
+            av_channel_name(name.data(), name.size(), static_cast<AVChannel>(channel));
+            ioNotes.push_back(fmt::format("the format has no label for channel {} ({}), which is labelled as discrete",
+                                          index + 1, name.data()));
+        }
+        labels.emplace_back(label);
+    }
+    const bool isMono =
+        inLayout.nb_channels == 1 && (!isStated || labels[0].GetLabel() == Quorlan::kAudioChannelLabelCenter);
+    outDiscrete = !isMono;
+    if (!isStated && !isMono)
+    {
+        ioNotes.push_back(fmt::format("the input does not say what its {} channels are for; they are labelled as "
+                                      "discrete",
+                                      inLayout.nb_channels));
+    }
+    return labels;
+}
+
+} // namespace
+
+SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream)
+{
+    const AVCodecParameters& parameters = *inStream.codecpar;
+    const auto* form = std::find_if(kSampleForms.begin(), kSampleForms.end(), [&parameters](const SampleForm& inForm) {
+        return inForm.codec == parameters.codec_id;
+    });
+    if (form == kSampleForms.end())
+    {
+        const AVCodecDescriptor* codec = avcodec_descriptor_get(parameters.codec_id);
+        const bool isPCM = codec != nullptr && std::strncmp(codec->name, "pcm_", 4) == 0;
+        RefuseStream(inSource, inStream,
+                     codec == nullptr ? "its codec is not known"
+                     : isPCM          ? fmt::format("{} is not a form of PCM that the format can hold", codec->name)
+                             : fmt::format("{} is compressed, and only PCM audio can be written", codec->name));
+    }
+    const int channels = parameters.ch_layout.nb_channels;
+    if (channels <= 0 || channels > UINT16_MAX)
+    {
+        RefuseStream(inSource, inStream, fmt::format("it has {} channels", channels));
+    }
+    if (parameters.sample_rate <= 0)
+    {
+        RefuseStream(inSource, inStream, fmt::format("its sample rate is {} Hz", parameters.sample_rate));
+    }
+    SoundFormat format;
+    format.sampleRate = parameters.sample_rate;
+    format.bytesPerFrame = channels * form->bytes;
+    if (parameters.block_align != 0 && parameters.block_align != format.bytesPerFrame)
+    {
+        RefuseStream(
+            inSource, inStream,
+            fmt::format("its sample frames have {} bytes instead of {}", parameters.block_align, format.bytesPerFrame));
+    }
+    bool isDiscrete = false;
+    const Quorlan::AudioChannelLayout labels = LabelsOf(parameters.ch_layout, isDiscrete, format.notes);
+    format.description = QT::CreateSoundDescription(0, channels, format.sampleRate, form->type, labels, isDiscrete);
+    if (form->type == Sambrel::kAudioSampleTypeInt8)
+    {
+        format.description = boost::make_shared<SignedByteDescription>(format.description);
+    }
+    format.summary = fmt::format("{}, {} Hz, {}", avcodec_get_name(parameters.codec_id), format.sampleRate,
+                                 LayoutName(parameters.ch_layout));
+    return format;
+}
+
+} // namespace Host

@@ -1,0 +1,458 @@
+#include "Support/FailingFileSystem.h"
+#include "Support/TempDirectory.h"
+
+#include <Host/Command.h>
+#include <Host/CommandError.h>
+#include <Host/MovieLayout.h>
+#include <Host/MovieWriter.h>
+#include <Host/Progress.h>
+#include <Host/Timing.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+struct Outcome
+{
+    int code;
+    std::string out;
+    std::string err;
+};
+
+Outcome RunHost(const std::vector<std::string>& inArguments)
+{
+    std::vector<const char*> arguments = {"reelmill"};
+    std::transform(inArguments.begin(), inArguments.end(), std::back_inserter(arguments),
+                   [](const std::string& inArgument) { return inArgument.c_str(); });
+    std::ostringstream out;
+    std::ostringstream err;
+    const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
+    return {code, out.str(), err.str()};
+}
+
+//! The ffmpeg program makes the inputs. A part may be anything that a shell takes.
+void MakeMedia(const std::string& inOptions, const std::string& inPath)
+{
+    const std::string command = "ffmpeg -hide_banner -nostdin -v error -y " + inOptions + " '" + inPath + "'";
+    ASSERT_EQ(0, std::system(command.c_str())) << command;
+}
+
+const std::string kPicture = "-f lavfi -i testsrc2=s=64x48:r=25:d=1 ";
+const std::string kTone = "-f lavfi -i sine=r=48000:d=1 ";
+
+std::string Text(const Tolbin::utility::BinaryDataArray& inBytes)
+{
+    return {inBytes.begin(), inBytes.end()};
+}
+
+class HostWrapTest : public testing::Test
+{
+protected:
+    std::string Path(const std::string& inName) const { return mFolder.Path(inName); }
+
+    std::string Make(const std::string& inName, const std::string& inOptions)
+    {
+        MakeMedia(inOptions, Path(inName));
+        return Path(inName);
+    }
+
+    std::string MakeWave() { return Make("in.wav", kTone + "-c:a pcm_s16le"); }
+
+    //! Every file with its content: what must be the same after a failure.
+    std::map<std::string, std::string> Contents() const
+    {
+        std::map<std::string, std::string> contents;
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(mFolder.Path("")))
+        {
+            contents[entry.path().string()] =
+                entry.is_regular_file() ? Text(ReadFile(entry.path().string())) : std::string();
+        }
+        return contents;
+    }
+
+    //! The command fails with one sentence that holds `inReason`, and no file has changed.
+    void ExpectRefusal(int inCode, const std::string& inReason, const std::vector<std::string>& inArguments)
+    {
+        SCOPED_TRACE(inReason);
+        const std::map<std::string, std::string> before = Contents();
+        const Outcome outcome = RunHost(inArguments);
+        EXPECT_EQ(inCode, outcome.code);
+        EXPECT_EQ("", outcome.out);
+        EXPECT_EQ(0U, outcome.err.find("reelmill: ")) << outcome.err;
+        EXPECT_EQ(outcome.err.size() - 1, outcome.err.find('\n')) << outcome.err;
+        EXPECT_NE(std::string::npos, outcome.err.find(inReason)) << outcome.err;
+        EXPECT_TRUE(before == Contents()) << "the folder has changed";
+    }
+
+    TempDirectory mFolder;
+};
+
+std::string Replaced(std::string inText, const std::string& inOld, const std::string& inNew)
+{
+    const std::size_t position = inText.find(inOld);
+    EXPECT_NE(std::string::npos, position);
+    return position == std::string::npos ? inText : inText.replace(position, inOld.size(), inNew);
+}
+
+} // namespace
+
+TEST_F(HostWrapTest, HelpAndVersion)
+{
+    for (const char* option : {"--help", "--version"})
+    {
+        const Outcome outcome = RunHost({option});
+        EXPECT_EQ(0, outcome.code);
+        EXPECT_NE(std::string::npos, outcome.out.find("reelmill")) << outcome.out;
+        EXPECT_EQ("", outcome.err);
+    }
+    EXPECT_NE(std::string::npos, RunHost({"wrap", "--help"}).out.find("--fps"));
+}
+
+TEST_F(HostWrapTest, UsageErrors)
+{
+    const std::string wave = MakeWave();
+    const std::string out = Path("out.mov");
+    ExpectRefusal(1, "subcommand", {});
+    ExpectRefusal(1, "explode", {"explode"});
+    ExpectRefusal(1, "--output", {"wrap", wave});
+    ExpectRefusal(1, "input", {"wrap", "-o", out});
+    ExpectRefusal(1, "--nonsense", {"wrap", wave, "-o", out, "--nonsense"});
+    ExpectRefusal(1, "none of the inputs is one", {"wrap", wave, "-o", out, "--fps", "25"});
+    MakeMedia(kPicture + "-frames:v 3", Path("frame%02d.png"));
+    for (const char* rate : {"fast", "0", "-1", "1/0", "ntsc", "25;"})
+    {
+        ExpectRefusal(1, "is no frame rate", {"wrap", Path("frame%02d.png"), "-o", out, "--fps", rate});
+    }
+    ExpectRefusal(1, "give its frame rate with --fps", {"wrap", Path("frame%02d.png"), "-o", out});
+    ExpectRefusal(1, "give its frame rate with --fps", {"wrap", Path("frame01.png"), "-o", out});
+}
+
+TEST_F(HostWrapTest, RefusesStreamsThatNoMovieCanHold)
+{
+    const std::string wave = MakeWave();
+    const struct
+    {
+        const char* name;
+        std::string options;
+        const char* reason;
+    } cases[] = {
+        {"mpeg4.mov", kPicture + "-c:v mpeg4", "stream 0 (video, mpeg4)"},
+        {"inter.mkv", kPicture + "-c:v mpeg2video", "inter-frame"},
+        {"huffyuv.avi", kPicture + "-c:v huffyuv", "no movie tag is known for huffyuv"},
+        {"planar.avi", kPicture + "-c:v rawvideo -pix_fmt yuv420p", "no tag for uncompressed yuv420p pixels"},
+        {"rgba64.nut", kPicture + "-c:v rawvideo -pix_fmt rgba64be", "no tag for uncompressed rgba64be pixels"},
+        {"palette.avi", kPicture + "-c:v rawvideo -pix_fmt pal8", "palette"},
+        {"adpcm.wav", kTone + "-c:a adpcm_ima_wav", "compressed"},
+        {"alaw.wav", kTone + "-c:a pcm_alaw", "pcm_alaw is not a form of PCM"},
+        {"f64be.mov", kTone + "-c:a pcm_f64be", "pcm_f64be is not a form of PCM"},
+        {"u16.nut", kTone + "-c:a pcm_u16le", "pcm_u16le is not a form of PCM"},
+        {"second.mov", kPicture + kTone + "-c:v mjpeg -c:a aac", "stream 1 (audio, aac)"},
+    };
+    for (const auto& [name, options, reason] : cases)
+    {
+        const std::string input = Make(name, options);
+        ExpectRefusal(2, reason, {"wrap", wave, input, "-o", Path("out.mov")});
+    }
+}
+
+TEST_F(HostWrapTest, RefusesWhatIsNoMedia)
+{
+    const std::string out = Path("out.mov");
+    WriteFile(Path("noise.mov"), std::string(5000, '\x5A'));
+    WriteFile(Path("empty.wav"), "");
+    WriteFile(Path("text.srt"), "1\n00:00:00,000 --> 00:00:01,000\nHello\n");
+    ExpectRefusal(2, "no media file", {"wrap", Path("noise.mov"), "-o", out});
+    ExpectRefusal(2, "empty.wav", {"wrap", Path("empty.wav"), "-o", out});
+    ExpectRefusal(2, "neither video nor audio", {"wrap", Path("text.srt"), "-o", out});
+    ExpectRefusal(2, "is a folder", {"wrap", mFolder.Path(""), "-o", out});
+    ExpectRefusal(3, "No such file", {"wrap", Path("missing.mov"), "-o", out});
+    ExpectRefusal(3, "no file is named like", {"wrap", Path("missing%04d.png"), "-o", out, "--fps", "25"});
+}
+
+TEST_F(HostWrapTest, RefusesAnImageSequenceWithAGap)
+{
+    MakeMedia(kPicture + "-frames:v 5 -start_number 8", Path("frame%d.png"));
+    const std::vector<std::string> arguments = {"wrap", Path("frame%d.png"), "-o", Path("out.mov"), "--fps", "25"};
+    WriteFile(Path("frame007b.png"), "of another name");
+    EXPECT_EQ(0, RunHost(arguments).code);
+    ExpectRefusal(2, "the same file as the input", {"wrap", Path("frame%d.png"), "-o", Path("frame9.png"), "-y"});
+    fs::remove(Path("out.mov"));
+    fs::remove(Path("frame10.png"));
+    ExpectRefusal(2, "has no image 10, but goes on with 11", arguments);
+}
+
+TEST_F(HostWrapTest, RefusesWhatGoesWrongOnTheWay)
+{
+    // Block times in milliseconds behind the track number: the third frame takes the time of the second, and one before
+    // it.
+    const std::string media = Text(ReadFile(Make("source.mkv", kPicture + "-c:v mjpeg -pix_fmt yuvj420p")));
+    const std::string block("\x81\x00\x50\x80", 4);
+    WriteFile(Path("same.mkv"), Replaced(media, block, std::string("\x81\x00\x28\x80", 4)));
+    WriteFile(Path("back.mkv"), Replaced(media, block, std::string("\x81\x00\x03\x80", 4)));
+    ASSERT_EQ(0, RunHost({"wrap", Path("source.mkv"), "-o", Path("old.mov")}).code);
+    for (const std::string output : {"new.mov", "old.mov"})
+    {
+        ExpectRefusal(2, "two frames have the same time at 0.040 s",
+                      {"wrap", Path("same.mkv"), "-o", Path(output), "-y"});
+        ExpectRefusal(2, "its times go backwards at 0.003 s", {"wrap", Path("back.mkv"), "-o", Path(output), "-y"});
+    }
+}
+
+TEST_F(HostWrapTest, RefusesATrackLongerThan31Bits)
+{
+    // 8-bit mono needs 2 GiB for 2^31 samples, of which the file has none on disk.
+    const std::string wave = Make("long.wav", kTone + "-c:a pcm_u8");
+    std::string head = Text(ReadFile(wave));
+    constexpr std::uint32_t kDataSize = 0x80000010U;
+    const std::size_t data = head.find("data");
+    ASSERT_NE(std::string::npos, data);
+    for (std::size_t index = 0; index < 4; ++index)
+    {
+        head[4 + index] = static_cast<char>((kDataSize + data) >> (8 * index) & 0xFF);
+        head[data + 4 + index] = static_cast<char>(kDataSize >> (8 * index) & 0xFF);
+    }
+    WriteFile(wave, head);
+    fs::resize_file(wave, data + 8 + kDataSize);
+    const Outcome outcome = RunHost({"wrap", wave, "-o", Path("out.mov")});
+    EXPECT_EQ(2, outcome.code);
+    EXPECT_NE(std::string::npos, outcome.err.find("it lasts 12:25:39.243")) << outcome.err;
+    EXPECT_FALSE(fs::exists(Path("out.mov")));
+}
+
+TEST_F(HostWrapTest, OutputMustBeSafeToWrite)
+{
+    const std::string wave = MakeWave();
+    const std::string old = Path("old.mov");
+    WriteFile(old, "precious");
+    fs::create_hard_link(wave, Path("twin.wav"));
+    fs::create_symlink(wave, Path("link.wav"));
+    fs::create_symlink(Path("nowhere"), Path("dangling.mov"));
+    fs::create_directory(Path("folder"));
+    ExpectRefusal(2, "exists already; use -y", {"wrap", wave, "-o", old});
+    ExpectRefusal(2, "the same file as the input", {"wrap", wave, "-o", wave, "-y"});
+    ExpectRefusal(2, "the same file as the input", {"wrap", wave, "-o", Path("twin.wav"), "-y"});
+    ExpectRefusal(2, "the same file as the input", {"wrap", wave, "-o", Path("link.wav"), "-y"});
+    ExpectRefusal(2, "a link to a file that does not exist", {"wrap", wave, "-o", Path("dangling.mov"), "-y"});
+    ExpectRefusal(2, "not a regular file", {"wrap", wave, "-o", "/dev/null", "-y"});
+    ExpectRefusal(2, "not a regular file", {"wrap", wave, "-o", Path("folder"), "-y"});
+    ExpectRefusal(2, "there is no folder", {"wrap", wave, "-o", Path("missing/out.mov")});
+    ExpectRefusal(2, "names a folder", {"wrap", wave, "-o", Path("missing/")});
+    ExpectRefusal(2, "is not valid UTF-8", {"wrap", wave, "-o", Path("\xFF.mov")});
+}
+
+TEST_F(HostWrapTest, OverwritingKeepsLinkAndPermissions)
+{
+    const std::string wave = MakeWave();
+    const std::string old = Path("old.mov");
+    WriteFile(old, "expendable");
+    fs::permissions(old, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+    fs::create_symlink(old, Path("link.mov"));
+    const Outcome outcome = RunHost({"wrap", wave, "-o", Path("link.mov"), "--overwrite"});
+    EXPECT_EQ(0, outcome.code) << outcome.err;
+    EXPECT_TRUE(fs::is_symlink(Path("link.mov")));
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read, fs::status(old).permissions());
+    EXPECT_EQ(fs::file_size(old), Host::ReadMovieLayout(old).fileSize);
+}
+
+TEST_F(HostWrapTest, SummaryTellsWhatWasWritten)
+{
+    const std::string input = Make("in.mov", kPicture + kTone + "-ac 2 -c:v mjpeg -pix_fmt yuvj420p -c:a pcm_s24le");
+    const Outcome outcome = RunHost({"wrap", input, "-o", Path("out.mov")});
+    EXPECT_EQ(0, outcome.code);
+    EXPECT_EQ("", outcome.err);
+    for (const char* part : {"out.mov: 0:00:01.000",
+                             "track 1: video, Photo - JPEG ('jpeg'), 64x48, 25 frames per second; "
+                             "25 frames, 0:00:01.000",
+                             "track 2: sound, pcm_s24le, 48000 Hz, stereo; 48000 samples, 0:00:01.000",
+                             "'moov' at byte 32, before the media at byte"})
+    {
+        EXPECT_NE(std::string::npos, outcome.out.find(part)) << part << " is missing in\n" << outcome.out;
+    }
+    const Outcome quiet = RunHost({"wrap", input, "-o", Path("out.mov"), "-y", "--quiet"});
+    EXPECT_EQ(0, quiet.code);
+    EXPECT_EQ("", quiet.out + quiet.err);
+}
+
+TEST_F(HostWrapTest, NotesReachTheUserEvenWhenQuiet)
+{
+    const std::string wave =
+        Make("four.wav", "-f lavfi -i aevalsrc='0|0|0|0:c=FL+FR+TSL+TSR:d=0.1' -c:a pcm_s16le -f nut");
+    const Outcome outcome = RunHost({"wrap", "-q", wave, "-o", Path("out.mov")});
+    EXPECT_EQ(0, outcome.code) << outcome.err;
+    EXPECT_EQ(0U, outcome.err.find("reelmill: note: stream 0")) << outcome.err;
+    EXPECT_EQ("", outcome.out);
+}
+
+TEST_F(HostWrapTest, EveryFailedWriteIsNoticedAndLeavesNothing)
+{
+    const std::string wave = MakeWave();
+    WriteFile(Path("old.mov"), "precious");
+    ASSERT_EQ(0, RunHost({"wrap", wave, "-o", Path("sound.mov")}).code);
+    const std::string sound = Text(ReadFile(Path("sound.mov")));
+    const std::size_t mediaOffset = Host::ReadMovieLayout(Path("sound.mov")).mediaOffset;
+    int failures = 0;
+    int noticed = 0;
+    for (const auto extent : {FailingFileSystem::Once, FailingFileSystem::FromThenOn})
+    {
+        for (int number = 1;; ++number)
+        {
+            SCOPED_TRACE(number);
+            FailingFileSystem failing(Ventra::FileSystem::Current(), FileOperation::Write, number, extent, ENOSPC);
+            const std::map<std::string, std::string> before = Contents();
+            Outcome outcome;
+            {
+                Ventra::FileSystemScope scope(failing);
+                outcome = RunHost({"wrap", wave, "-o", Path("old.mov"), "-y"});
+            }
+            if (failing.Failures() == 0)
+            {
+                EXPECT_EQ(0, outcome.code) << outcome.err;
+                WriteFile(Path("old.mov"), "precious");
+                break;
+            }
+            ++failures;
+            if (outcome.code == 0)
+            {
+                // Zeros that were to be written over zeros.
+                const std::string written = Text(ReadFile(Path("old.mov")));
+                EXPECT_EQ(sound.size(), written.size());
+                EXPECT_TRUE(sound.substr(mediaOffset) == written.substr(mediaOffset));
+                EXPECT_EQ(sound.find("skip"), written.find("skip"));
+                WriteFile(Path("old.mov"), "precious");
+                continue;
+            }
+            ++noticed;
+            EXPECT_EQ(3, outcome.code);
+            EXPECT_EQ("", outcome.out);
+            EXPECT_NE(std::string::npos, outcome.err.find("old.mov")) << outcome.err;
+            EXPECT_TRUE(before == Contents());
+        }
+    }
+    EXPECT_LE(failures - noticed, 2);
+    EXPECT_GT(noticed, 16); // The head, the media, the 'mdat' size, the 'moov' and the placeholder behind it, twice.
+}
+
+TEST_F(HostWrapTest, ReportsOfTheLibraryAreFailures)
+{
+    Host::MovieWriter writer(Path("out.mov"), "out.mov", 600);
+    Quorlan::AudioChannelLayout channels = {Quorlan::kAudioChannelLabelDiscrete};
+    const QT::TrackID track =
+        writer.AddTrack(QT::kQTMediaTypeSound, 600, 0, 0,
+                        QT::CreateSoundDescription(0, 1, 48000, Sambrel::kAudioSampleTypeInt16LE, channels, false));
+    std::uint8_t data[4] = {};
+    writer.AddSamples(track, data, 2, 1, INT32_MAX);
+    try
+    {
+        writer.AddSamples(track, data, 2, 1, 1);
+        FAIL() << "the overflow went unnoticed";
+    }
+    catch (const Host::CommandError& error)
+    {
+        EXPECT_EQ(Host::ExitCode::kIOFailed, error.GetExitCode());
+        EXPECT_NE(nullptr, std::strstr(error.what(), "Signed 32-bit overflow")) << error.what();
+    }
+}
+
+TEST_F(HostWrapTest, MovieLayoutFindsWhatIsMissing)
+{
+    const std::string movie = Path("out.mov");
+    ASSERT_EQ(0, RunHost({"wrap", MakeWave(), "-o", movie}).code);
+    const std::string whole = Text(ReadFile(movie));
+    const Host::MovieLayout layout = Host::ReadMovieLayout(movie);
+    EXPECT_EQ(whole.size(), layout.fileSize);
+    EXPECT_EQ("moov", whole.substr(layout.movieOffset + 4, 4));
+    EXPECT_EQ("mdat", whole.substr(layout.mediaOffset + 4, 4));
+
+    const std::string large = std::string("\0\0\0\1mdat\0\0\0\0\0\0\0\x14", 16) + "wxyz";
+    const std::string moov("\0\0\0\x08moov", 8);
+    WriteFile(movie, moov + large);
+    EXPECT_EQ(8U, Host::ReadMovieLayout(movie).mediaOffset);
+    for (const std::string& content :
+         {whole.substr(0, whole.size() - 1), whole + "x", std::string(whole).replace(layout.movieOffset + 4, 4, "free"),
+          moov + large.substr(0, 15), moov + std::string("\0\0\0\1mdat\0\0\0\0\0\0\0\x0F", 16), moov, std::string()})
+    {
+        WriteFile(movie, content);
+        EXPECT_THROW(Host::ReadMovieLayout(movie), Host::CommandError);
+    }
+}
+
+TEST(HostTiming, VideoClockIsExactWhereTheInputIs)
+{
+    Host::VideoTiming timing = {{1001, 30000}, {30000, 1001}, false, 60};
+    Host::VideoClock frames(timing);
+    EXPECT_EQ(30000, frames.GetTimeScale());
+    EXPECT_EQ(3 * 1001, frames.UnitsSince(7, 10));
+    EXPECT_EQ(1001, frames.GetFrameUnits());
+
+    // A day of microseconds does not fit 31 bits.
+    Host::VideoClock rounded({{1, 1000000}, {0, 1}, false, 86400});
+    EXPECT_TRUE(rounded.IsRounded());
+    EXPECT_EQ(15000, rounded.GetTimeScale());
+    EXPECT_EQ(15000, rounded.UnitsSince(500000, 1500000));
+}
+
+TEST(HostTiming, RoundedTimesReturnToTheFrameRate)
+{
+    Host::VideoClock clock({{1, 1000}, {30000, 1001}, true, 3600});
+    EXPECT_EQ(30000, clock.GetTimeScale());
+    for (std::int64_t frame = 0; frame < 100000; ++frame)
+    {
+        const std::int64_t tick = (frame * 1001 * 1000 + 15000) / 30000;
+        ASSERT_EQ(frame * 1001, clock.UnitsSince(0, tick)) << frame;
+    }
+    EXPECT_EQ(0, clock.GetOffGridCount());
+    EXPECT_EQ(1001, clock.UnitsOf(33));
+    EXPECT_EQ(45 * 30, clock.UnitsSince(0, 45)); // Half a frame late: kept to the millisecond.
+    EXPECT_EQ(1, clock.GetOffGridCount());
+}
+
+TEST(HostTiming, MovieTimeScaleHoldsTheMovie)
+{
+    EXPECT_EQ(240000, Host::ChooseMovieTimeScale({30000}, {48000}, 3600));
+    EXPECT_EQ(48000, Host::ChooseMovieTimeScale({30000}, {48000}, 10 * 3600));
+    EXPECT_EQ(30000, Host::ChooseMovieTimeScale({30000}, {48000}, 15 * 3600));
+    EXPECT_EQ(600, Host::ChooseMovieTimeScale({30000}, {48000}, 48 * 3600));
+    EXPECT_EQ(48000, Host::ChooseMovieTimeScale({24000}, {48000}, 0));
+    EXPECT_EQ(600, Host::ChooseMovieTimeScale({}, {192000}, 0));
+}
+
+TEST(HostProgress, ShowsTheStateNowAndThen)
+{
+    using std::chrono::milliseconds;
+    const Host::Progress::TimePoint start{};
+    std::ostringstream lines;
+    std::ostringstream terminal;
+    std::ostringstream quiet;
+    {
+        Host::Progress toLines(lines, Host::Progress::Style::kLines);
+        Host::Progress toTerminal(terminal, Host::Progress::Style::kTerminal);
+        Host::Progress toNobody(quiet, Host::Progress::Style::kQuiet);
+        for (Host::Progress* progress : {&toLines, &toTerminal, &toNobody})
+        {
+            progress->SetExpectedSeconds(100);
+            for (int time : {0, 4999, 5000, 5120, 9999, 10000})
+            {
+                progress->Update(start + milliseconds(time), time / 200.0, static_cast<std::uint64_t>(time) * 1024);
+            }
+        }
+    }
+    EXPECT_EQ("0:00:25.000 (25 %), 4.9 MiB, 1000.0 KiB/s\n0:00:50.000 (50 %), 9.8 MiB, 1000.0 KiB/s\n", lines.str());
+    const std::string drawn = terminal.str();
+    EXPECT_EQ(3, std::count(drawn.begin(), drawn.end(), '\r')) << drawn;
+    EXPECT_EQ('\n', drawn.back());
+    EXPECT_EQ("", quiet.str());
+}
