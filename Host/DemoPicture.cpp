@@ -192,7 +192,8 @@ void DemoPicture::Fill(const Area& inArea, Colour inColour)
 
 void DemoPicture::SetLuma(int inX, int inY, std::uint8_t inLuma)
 {
-    mFrame[static_cast<std::size_t>((inY * kWidth + inX) * kBytesPerPixel + 1)] = inLuma;
+    const auto pixel = static_cast<std::size_t>(inY) * kWidth + static_cast<std::size_t>(inX);
+    mFrame[pixel * kBytesPerPixel + 1] = inLuma;
 }
 
 } // namespace Host

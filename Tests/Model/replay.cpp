@@ -359,7 +359,12 @@ private:
 
     QT::QTImageDescription& Image(const Json& inCall) const
     {
-        return dynamic_cast<QT::QTImageDescription&>(*Description(inCall));
+        const auto image = boost::dynamic_pointer_cast<QT::QTImageDescription>(Description(inCall));
+        if (!image)
+        {
+            throw std::invalid_argument("the script names no image description");
+        }
+        return *image; // Kept alive by the list.
     }
 
     Json TextDescription(const Json&)

@@ -35,7 +35,7 @@ public:
     Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                          std::size_t& outWritten) override
     {
-        if (mUnbuffered.count(inHandle) != 0)
+        if (mUnbuffered.contains(inHandle))
         {
             const std::uint64_t bits =
                 reinterpret_cast<std::uintptr_t>(inData) | inLength | static_cast<std::uint64_t>(inOffset);
