@@ -1,9 +1,12 @@
 # What the shared library shows, and where `cmake --install` puts things: the libraries, the public headers, the command
 # when it was built, and what CMake and pkg-config need to find them. The installed tree can be moved as a whole.
 
-set(exports ${PROJECT_SOURCE_DIR}/CMake/Exports.map)
-target_link_options(Reelmill PRIVATE LINKER:--version-script=${exports})
-set_target_properties(Reelmill PROPERTIES LINK_DEPENDS ${exports})
+# Apple's linker knows no such scripts; there hidden visibility has to do.
+if(NOT APPLE)
+    set(exports ${PROJECT_SOURCE_DIR}/CMake/Exports.map)
+    target_link_options(Reelmill PRIVATE LINKER:--version-script=${exports})
+    set_target_properties(Reelmill PROPERTIES LINK_DEPENDS ${exports})
+endif()
 
 option(REELMILL_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 if(NOT REELMILL_INSTALL)

@@ -26,8 +26,7 @@ std::uint32_t HeaderTime(const std::tm& inDate)
                                              inDate.tm_min, inDate.tm_sec));
 }
 
-// ---- Media types
-// -----------------------------------------------------------------------------------------------------
+// ---- Media types ----------------------------------------------------------------------------------------------------
 
 struct MediaTypeRow
 {
@@ -124,8 +123,7 @@ std::uint32_t TrackReferenceTypeToReferenceTypeFourCC(QT::TrackReferenceType inT
     return 0xFFFFFFFF;
 }
 
-// ---- Apertures
-// -------------------------------------------------------------------------------------------------------
+// ---- Apertures ------------------------------------------------------------------------------------------------------
 
 //! Whole pixels as 16.16; higher bits are cut off.
 std::uint32_t WholePixels(std::uint32_t inPixels)
@@ -150,8 +148,7 @@ qtn_ApertureDimensionsAtom MakeApertureDimensions(std::uint32_t inType, std::uin
     return atom;
 }
 
-// ---- Sample tables
-// ---------------------------------------------------------------------------------------------------
+// ---- Sample tables --------------------------------------------------------------------------------------------------
 
 //! Builds a table atom: its head, then `inEntryCount` entries, which the caller fills in at the pointer given back.
 //!
@@ -252,8 +249,6 @@ Tolbin::Result MakeChunkAtoms(const std::vector<std::int64_t>& chunkOffsets, boo
                               qtn_SampleToChunkAtom** outSampleToChunk, qtn_ChunkOffsetAtom** outOffsets,
                               qtn_ChunkOffsetAtom64** outOffsets64)
 {
-    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
-    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
     const auto toOffset32 = [](std::int64_t inOffset) { return QT::Low32(static_cast<std::uint64_t>(inOffset)); };
     const auto toOffset64 = [](std::int64_t inOffset) { return static_cast<std::uint64_t>(inOffset); };
     const Tolbin::Result result = inNeeds64Bits ? MakeTableAtom<big_uint64_t>(chunkOffsets, *outOffsets64, toOffset64)
@@ -293,6 +288,8 @@ Tolbin::Result MakeChunkTableAtomsPtrs(QT::TrackRec& track, qtn_SampleToChunkAto
     {
         sampleToChunkTable.push_back(run);
     }
+    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
+    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
     const bool needs64Bits = std::any_of(track.samples.begin(), track.samples.end(), Needs64Bits);
     return MakeChunkAtoms(chunkOffsets, needs64Bits, sampleToChunkTable, outSampleToChunk, outOffsets, outOffsets64);
 }
@@ -352,6 +349,8 @@ Tolbin::Result MakeAggregatedChunkTableAtomsPtrs(QT::TrackRec& track, qtn_Sample
         close(false); // Also a chunk that a last record without samples has begun.
         sampleToChunkTable.push_back(run);
     }
+    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
+    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
     const bool needs64Bits = std::any_of(track.samples.begin(), track.samples.end(), Needs64Bits);
     return MakeChunkAtoms(chunkOffsets, needs64Bits, sampleToChunkTable, outSampleToChunk, outOffsets, outOffsets64);
 }
@@ -393,8 +392,7 @@ qtn_GenericAtomHeaderPtr AtomHeader(Tolbin::utility::BinaryDataArray& inAtom)
     return AsGeneric(inAtom.data());
 }
 
-// ---- Containers
-// ------------------------------------------------------------------------------------------------------
+// ---- Containers -----------------------------------------------------------------------------------------------------
 
 // 0 size, 4 type, 8 the children one behind the other.
 void ConcatenateAtomsToAtomContainer(int inType, std::vector<qtn_GenericAtomHeader*>& inAtoms,
@@ -422,8 +420,7 @@ void ConcatenateAtomsToAtomContainer(int inType, std::vector<qtn_GenericAtomHead
     }
 }
 
-// ---- Media types and handlers
-// ----------------------------------------------------------------------------------------
+// ---- Media types and handlers ---------------------------------------------------------------------------------------
 
 bool IsKnownMediaType(MediaType inMediaType)
 {
@@ -458,8 +455,7 @@ void MakeSelfReferencingDataHandlerAtom(qtn_CanonicalDataHandlerAtom& outHandler
     outDataInfo = qtn_OneDataRef{};
 }
 
-// ---- Time
-// ------------------------------------------------------------------------------------------------------------
+// ---- Time -----------------------------------------------------------------------------------------------------------
 
 std::int32_t ConvertSrcTimeToDestTimescale(std::int32_t inSrcTime, std::int32_t inSrcTimeScale,
                                            std::int32_t inDestTimeScale)
@@ -476,8 +472,7 @@ std::int32_t ConvertSrcTimeToDestTimescale(std::int32_t inSrcTime, std::int32_t 
     return static_cast<std::int32_t>(Low32(result));
 }
 
-// ---- Headers
-// ---------------------------------------------------------------------------------------------------------
+// ---- Headers --------------------------------------------------------------------------------------------------------
 
 void MakeMovieHeader(qtn_MovieHeaderAtom& outAtom, int inTimeScale, int inDuration, int inTrackCount, std::tm& inDate)
 {
@@ -537,8 +532,7 @@ void MakeEditsAtom(Tolbin::utility::BinaryDataArray& outAtom, int inMovieTimeSca
     AppendRecord(outAtom, qtn_EditListEntry{toMovieTime(inMediaDuration), 0});
 }
 
-// ---- Media information and apertures
-// ---------------------------------------------------------------------------------
+// ---- Media information and apertures --------------------------------------------------------------------------------
 
 void MakeMediaSpecificMediaInfoHeaderAtom(Tolbin::utility::BinaryDataArray& outAtom, MediaType inMediaType)
 {
@@ -608,8 +602,7 @@ void MakeOptionalTrackApertureAtom(boost::shared_ptr<QTSampleDescription> inDesc
     ConcatenateAtomsToAtomContainer(FourCC("tapt"), children, outAtom);
 }
 
-// ---- References and user data
-// ----------------------------------------------------------------------------------------
+// ---- References and user data ---------------------------------------------------------------------------------------
 
 // For each type an atom of 8 bytes and a 32-bit track number for each reference.
 void MakeTrackReferencesAtom(Tolbin::utility::BinaryDataArray& outAtom,
@@ -650,8 +643,7 @@ void MakeUserDataAtom(Tolbin::utility::BinaryDataArray& outAtom,
     ConcatenateAtomsToAtomContainer(FourCC("udta"), children, outAtom);
 }
 
-// ---- Sample tables
-// ---------------------------------------------------------------------------------------------------
+// ---- Sample tables --------------------------------------------------------------------------------------------------
 
 Tolbin::Result MakeSampleTableItems(TrackRec& track, SampleTableItemsRec& items)
 {

@@ -27,8 +27,7 @@ namespace QT
 // Builders replace the content of their output, keep no reference to anything they are given, and cannot fail but for
 // lack of memory. An array that a builder has filled holds exactly one atom.
 
-// ---- Bytes
-// -----------------------------------------------------------------------------------------------------------
+// ---- Bytes ----------------------------------------------------------------------------------------------------------
 
 //! Stores a record at an offset of an array that holds room for it.
 template <typename Record>
@@ -58,16 +57,14 @@ void AppendRecord(Tolbin::utility::BinaryDataArray& ioBytes, const Record& inRec
 //! Views an array that holds an atom as its header.
 qtn_GenericAtomHeaderPtr AtomHeader(Tolbin::utility::BinaryDataArray& inAtom);
 
-// ---- Containers
-// ------------------------------------------------------------------------------------------------------
+// ---- Containers -----------------------------------------------------------------------------------------------------
 
 //! Fills `outContainer` with an atom of type `inType` whose payload is the atoms of `inAtoms` in order; null entries
 //! are skipped. Throws `std::length_error` when the container would reach 2 GiB.
 void ConcatenateAtomsToAtomContainer(int inType, std::vector<qtn_GenericAtomHeader*>& inAtoms,
                                      Tolbin::utility::BinaryDataArray& outContainer);
 
-// ---- Media types and handlers
-// ----------------------------------------------------------------------------------------
+// ---- Media types and handlers ---------------------------------------------------------------------------------------
 
 //! Whether the value is one of the five media types; reports it if not.
 bool IsKnownMediaType(MediaType inMediaType);
@@ -78,16 +75,14 @@ void MakeMediaHandlerAtom(Tolbin::utility::BinaryDataArray& outAtom, MediaType i
 //! The data 'hdlr' and the 'dinf' that say that the media lies in the movie file itself.
 void MakeSelfReferencingDataHandlerAtom(qtn_CanonicalDataHandlerAtom& outHandler, qtn_OneDataRef& outDataInfo);
 
-// ---- Time
-// ------------------------------------------------------------------------------------------------------------
+// ---- Time -----------------------------------------------------------------------------------------------------------
 
 //! A time in other units, truncated toward zero. Reports a result outside 0 to 2^31 - 1 and returns its low 32 bits;
 //! reports a source time scale of 0 and returns 0.
 std::int32_t ConvertSrcTimeToDestTimescale(std::int32_t inSrcTime, std::int32_t inSrcTimeScale,
                                            std::int32_t inDestTimeScale);
 
-// ---- Headers
-// ---------------------------------------------------------------------------------------------------------
+// ---- Headers --------------------------------------------------------------------------------------------------------
 
 //! 'mvhd'; `inDuration` in movie units.
 void MakeMovieHeader(qtn_MovieHeaderAtom& outAtom, int inTimeScale, int inDuration, int inTrackCount, std::tm& inDate);
@@ -104,8 +99,7 @@ void MakeMediaHeaderAtom(qtn_MediaHeaderAtom& outAtom, int inTimeScale, int inDu
 void MakeEditsAtom(Tolbin::utility::BinaryDataArray& outAtom, int inMovieTimeScale, int inMediaTimeScale,
                    int inMediaDuration, int inTrimIn);
 
-// ---- Media information and apertures
-// ---------------------------------------------------------------------------------
+// ---- Media information and apertures --------------------------------------------------------------------------------
 
 //! 'vmhd', 'smhd' or 'gmhd'. Any other media type is reported and leaves `outAtom` alone.
 void MakeMediaSpecificMediaInfoHeaderAtom(Tolbin::utility::BinaryDataArray& outAtom, MediaType inMediaType);
@@ -115,8 +109,7 @@ void MakeMediaSpecificMediaInfoHeaderAtom(Tolbin::utility::BinaryDataArray& outA
 void MakeOptionalTrackApertureAtom(boost::shared_ptr<QTSampleDescription> inDescription, MediaType inMediaType,
                                    Tolbin::utility::BinaryDataArray& outAtom);
 
-// ---- References and user data
-// ----------------------------------------------------------------------------------------
+// ---- References and user data ---------------------------------------------------------------------------------------
 
 //! 'tref'; an ID without a track number is written as 0.
 void MakeTrackReferencesAtom(Tolbin::utility::BinaryDataArray& outAtom,
@@ -127,8 +120,7 @@ void MakeTrackReferencesAtom(Tolbin::utility::BinaryDataArray& outAtom,
 void MakeUserDataAtom(Tolbin::utility::BinaryDataArray& outAtom,
                       std::map<int, Tolbin::utility::BinaryDataArray>& inItems);
 
-// ---- Sample tables
-// ---------------------------------------------------------------------------------------------------
+// ---- Sample tables --------------------------------------------------------------------------------------------------
 
 //! The sample-table atoms of one track. Each slot that is not null owns an array of `std::uint8_t` as long as its
 //! atom's size says; copies share them, and `DisposeSampleTableItems` frees them.

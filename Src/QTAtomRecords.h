@@ -15,8 +15,7 @@ using boost::endian::big_uint16_t;
 using boost::endian::big_uint32_t;
 using boost::endian::big_uint64_t;
 
-// ---- Atoms in general
-// ------------------------------------------------------------------------------------------------
+// ---- Atoms in general -----------------------------------------------------------------------------------------------
 
 #pragma pack(push, 1)
 //! The head of every atom. Alone among the records its fields are plain integers in file order, read and written
@@ -61,8 +60,7 @@ struct qtn_Color
 };
 static_assert(IsDiskRecord<qtn_Color> && sizeof(qtn_Color) == 6);
 
-// ---- Top level of the file
-// -------------------------------------------------------------------------------------------
+// ---- Top level of the file ------------------------------------------------------------------------------------------
 
 //! 'ftyp': the file is a QuickTime movie.
 struct qtn_FileTypeAtom
@@ -98,8 +96,7 @@ struct qtn_TextEncodingAtom
 };
 static_assert(IsDiskRecord<qtn_TextEncodingAtom> && sizeof(qtn_TextEncodingAtom) == 12);
 
-// ---- Movie, track and media headers
-// ----------------------------------------------------------------------------------
+// ---- Movie, track and media headers ---------------------------------------------------------------------------------
 
 //! 'mvhd': the movie's time scale and length.
 struct qtn_MovieHeaderAtom
@@ -192,8 +189,7 @@ struct qtn_TrackLoadSettingsAtom
 };
 static_assert(IsDiskRecord<qtn_TrackLoadSettingsAtom> && sizeof(qtn_TrackLoadSettingsAtom) == 24);
 
-// ---- Handlers and media information
-// ----------------------------------------------------------------------------------
+// ---- Handlers and media information ---------------------------------------------------------------------------------
 
 //! The media 'hdlr'; its name, a Pascal string, follows the length byte.
 struct qtn_MediaHandlerAtom
@@ -307,8 +303,7 @@ struct qtn_ApertureDimensionsAtom
 };
 static_assert(IsDiskRecord<qtn_ApertureDimensionsAtom> && sizeof(qtn_ApertureDimensionsAtom) == 20);
 
-// ---- Sample tables
-// ---------------------------------------------------------------------------------------------------
+// ---- Sample tables --------------------------------------------------------------------------------------------------
 
 //! 'stsd': the head in front of a track's one sample-description entry.
 struct qtn_SampleDescriptionAtom
@@ -380,8 +375,7 @@ struct qtn_ChunkOffsetAtom64
 };
 static_assert(IsDiskRecord<qtn_ChunkOffsetAtom64> && sizeof(qtn_ChunkOffsetAtom64) == 16);
 
-// ---- Sample descriptions
-// ---------------------------------------------------------------------------------------------
+// ---- Sample descriptions --------------------------------------------------------------------------------------------
 
 //! The head of every sample-description entry; alone it is a closed-caption entry.
 struct qtn_SampleDescriptionHeader

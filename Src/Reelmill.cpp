@@ -40,7 +40,7 @@ const char* QTResultMessage(Tolbin::Result inResult)
     case kQTErrBadState:
         return "the movie is not open: it was not created, its creation failed, or it is closed already";
     case kQTErrBadArgument:
-        return "an argument has a value that no movie can hold";
+        return "an argument, or the volume's disk-buffer size, has a value that no movie can be written with";
     case kQTErrTooLarge:
         return "an atom of the movie would pass what its 32-bit size can hold";
     default:
@@ -100,6 +100,58 @@ Tolbin::Result MakeContainer(std::uint32_t inType, std::vector<qtn_GenericAtomHe
     return Tolbin::kResultSuccess;
 }
 
+//! Reports that the assembly of 'moov' ended in an exception; never throws itself, though memory may be exhausted and
+//! the handler is the host's.
+void ReportAssemblyException() noexcept
+{
+    try
+    {
+        TOLBIN_REPORT("0", "");
+    }
+    catch (...) // NOLINT(bugprone-empty-catch): the result tells as much.
+    {
+    }
+}
+
+//! Closes the movie file at the end of a scope, exceptions included, unless released.
+class FileCloser
+{
+public:
+    FileCloser(boost::shared_ptr<Ventra::File>& ioFile, boost::shared_ptr<UnbufferedWriter>& ioWriter)
+        : mFile(ioFile), mWriter(ioWriter)
+    {
+    }
+
+    FileCloser(const FileCloser&) = delete;
+    FileCloser& operator=(const FileCloser&) = delete;
+
+    ~FileCloser()
+    {
+        if (!mIsReleased)
+        {
+            mWriter.reset();
+            static_cast<void>(mFile->Close()); // Everything that matters has been written, or has failed already.
+        }
+    }
+
+    void Release() { mIsReleased = true; }
+
+private:
+    boost::shared_ptr<Ventra::File>& mFile;
+    boost::shared_ptr<UnbufferedWriter>& mWriter;
+    bool mIsReleased = false;
+};
+
+//! Makes room for one more record, so that adding it cannot fail; grows geometrically.
+void ReserveOneMore(MediaSampleVector& ioSamples)
+{
+    constexpr std::size_t kFirstCapacity = 64;
+    if (ioSamples.size() == ioSamples.capacity())
+    {
+        ioSamples.reserve(std::max(kFirstCapacity, 2 * ioSamples.capacity()));
+    }
+}
+
 //! Frees a track's sample-table atoms at the end of a scope.
 struct SampleTableItemsScope
 {
@@ -120,8 +172,7 @@ boost::shared_ptr<Reelmill> CreateReelmill()
     return boost::make_shared<PrivateReelmill>();
 }
 
-// ---- File and head
-// ---------------------------------------------------------------------------------------------------
+// ---- File and head --------------------------------------------------------------------------------------------------
 
 Tolbin::Result PrivateReelmill::Create(Tolbin::UTF16String inPath, int inMovieTimeScale)
 {
@@ -133,14 +184,13 @@ Tolbin::Result PrivateReelmill::Create(Tolbin::UTF16String inPath, int inMovieTi
     path = inPath;
     movieTimeScale = inMovieTimeScale;
     file = boost::make_shared<Ventra::File>();
+    FileCloser closer(file, unbufferedWriter);
     const Tolbin::Result result = OpenMovieFile();
-    if (result < 0)
+    if (result >= 0)
     {
-        unbufferedWriter.reset();
-        static_cast<void>(file->Close()); // Not open when it could not be created.
-        return result;
+        state = State::Streaming;
+        closer.Release();
     }
-    state = State::Streaming;
     return result;
 }
 
@@ -260,8 +310,7 @@ Tolbin::Result PrivateReelmill::Flush()
     return state == State::Streaming ? Tolbin::kResultSuccess : kQTErrBadState;
 }
 
-// ---- Tracks and media
-// ------------------------------------------------------------------------------------------------
+// ---- Tracks and media -----------------------------------------------------------------------------------------------
 
 Tolbin::Result PrivateReelmill::NewMovieTrack(MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
                                               boost::shared_ptr<QTSampleDescription> inSampleDescription,
@@ -317,6 +366,7 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     {
         return kQTErrBadArgument;
     }
+    ReserveOneMore(track->samples); // Once the bytes are on their way nothing may keep them from being recorded.
     const std::int64_t fileOffset = unbufferedWriter->GetFilePointer();
     result = unbufferedWriter->Write(static_cast<char*>(inData), static_cast<std::size_t>(inDataSize));
     if (result < 0)
@@ -405,8 +455,7 @@ Tolbin::Result PrivateReelmill::SetTrackTrimIn(TrackID inTrackID, int inTrimIn)
     return Tolbin::kResultSuccess;
 }
 
-// ---- User data and references
-// ----------------------------------------------------------------------------------------
+// ---- User data and references ---------------------------------------------------------------------------------------
 
 Tolbin::Result PrivateReelmill::AddUserData(int inUserDataType, void* inData, int inDataSize)
 {
@@ -447,8 +496,7 @@ Tolbin::Result PrivateReelmill::AddTrackReference(TrackID inTrackID, TrackID inR
     return Tolbin::kResultSuccess;
 }
 
-// ---- Closing
-// ---------------------------------------------------------------------------------------------------------
+// ---- Closing --------------------------------------------------------------------------------------------------------
 
 // On disk before: head with a provisional 'mdat' size, media up to the last full block. Afterwards: all media, the
 // final 'mdat' size, and 'moov' in the placeholder or at the end of the file.
@@ -458,6 +506,7 @@ Tolbin::Result PrivateReelmill::Close()
     {
         return kQTErrBadState;
     }
+    const FileCloser closer(file, unbufferedWriter);
     static_cast<void>(unbufferedWriter->Close()); // A tail that is missing shows in the file's length.
     Tolbin::Result result = PatchMediaDataSize();
     if (result >= 0)
@@ -470,7 +519,6 @@ Tolbin::Result PrivateReelmill::Close()
         }
     }
     state = State::Finished;
-    static_cast<void>(file->Close()); // Everything that matters has been written, or has failed already.
     return result;
 }
 
@@ -565,7 +613,7 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
     }
     catch (...)
     {
-        TOLBIN_REPORT("0", "");
+        ReportAssemblyException();
         return Tolbin::kResultOutOfMemory;
     }
 }

@@ -131,7 +131,7 @@ public:
             if (mBufferCurrentPos == mBufferedWriteSize)
             {
                 result = WriteBlock(mUnbufferedFile);
-                // Also after a failure: later bytes keep the offsets that their callers were told.
+                // Also after a failure: the block counts as written.
                 mBlockOffset += static_cast<std::int64_t>(mBufferCurrentPos);
                 mBufferCurrentPos = 0;
             }

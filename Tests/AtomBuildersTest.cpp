@@ -47,8 +47,7 @@ QT::MediaType Media(std::uint32_t inValue)
     return static_cast<QT::MediaType>(inValue);
 }
 
-// ---- Containers
-// ------------------------------------------------------------------------------------------------------
+// ---- Containers -----------------------------------------------------------------------------------------------------
 
 BinaryDataArray Container(std::vector<BinaryDataArray*> inChildren, BinaryDataArray inOutput = {})
 {
@@ -93,8 +92,7 @@ TEST(Container, RefusesTwoGiBytes)
     EXPECT_THROW(Container({&wraps, &wraps, &wraps}), std::length_error) << "the sum passes 32 bits";
 }
 
-// ---- Media types and handlers
-// ----------------------------------------------------------------------------------------
+// ---- Media types and handlers ---------------------------------------------------------------------------------------
 
 TEST(MediaTypes, KnowsExactlyFive)
 {
@@ -218,8 +216,7 @@ TEST(DataHandler, FillsBothRecordsCompletely)
     EXPECT_BYTES(BytesOf(dataInfo), "#36 'dinf' #28 'dref' 00*4 #1 #12 'alis' 00 00 00 01");
 }
 
-// ---- Headers
-// ---------------------------------------------------------------------------------------------------------
+// ---- Headers --------------------------------------------------------------------------------------------------------
 
 TEST(Headers, MovieHeader)
 {
@@ -292,8 +289,7 @@ TEST(Headers, Edits)
     EXPECT_EQ(reports.Take(), ReportTexts{"inSrcTimeScale != 0|"});
 }
 
-// ---- Track aperture
-// --------------------------------------------------------------------------------------------------
+// ---- Track aperture -------------------------------------------------------------------------------------------------
 
 struct ApertureRow
 {
@@ -372,8 +368,7 @@ TEST(TrackApertureOf, EverythingButVideoWithACleanApertureIsNone)
     EXPECT_EQ(reports.Take(), ReportTexts{});
 }
 
-// ---- References and user data
-// ----------------------------------------------------------------------------------------
+// ---- References and user data ---------------------------------------------------------------------------------------
 
 TEST(TrackReferences, AreNumberedByTheFilesTracks)
 {

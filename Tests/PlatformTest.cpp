@@ -68,8 +68,7 @@ std::vector<int> OpenFlags(const std::string& inPath)
     return flags;
 }
 
-// ---- Files on this machine's file systems
-// ----------------------------------------------------------------------------
+// ---- Files on this machine's file systems ---------------------------------------------------------------------------
 
 //! In the temporary directory and in memory.
 class FileOn : public testing::TestWithParam<const char*>
@@ -285,8 +284,7 @@ TEST(File, PathThatIsNotUTF16IsAnError)
     EXPECT_LT(Open(file, withNull + u".mov", kOpenExisting), 0);
 }
 
-// ---- Faults below File
-// -----------------------------------------------------------------------------------------------
+// ---- Faults below File ----------------------------------------------------------------------------------------------
 
 class FileFaults : public testing::Test
 {
@@ -388,8 +386,7 @@ TEST_F(FileFaults, DiskBufferThatCannotBeToldIs4096)
     EXPECT_EQ(size, 4096u);
 }
 
-// ---- Results
-// ---------------------------------------------------------------------------------------------------------
+// ---- Results --------------------------------------------------------------------------------------------------------
 
 TEST(Results, CarryTheSystemsErrors)
 {
@@ -428,8 +425,7 @@ TEST(Results, AreSpelledOut)
         << sentences[12];
 }
 
-// ---- Strings
-// ---------------------------------------------------------------------------------------------------------
+// ---- Strings --------------------------------------------------------------------------------------------------------
 
 TEST(Strings, ConvertBetweenUTF16AndUTF8)
 {
@@ -475,8 +471,7 @@ TEST(Strings, ReplaceWhatIsNotUnicode)
     EXPECT_EQ(Tolbin::string::AsciiToUTF16("A\x7F\x80\xFF"), u"A\u007F\uFFFD\uFFFD");
 }
 
-// ---- Reports, trace, settings
-// ----------------------------------------------------------------------------------------
+// ---- Reports, trace, settings ---------------------------------------------------------------------------------------
 
 void FailAt(int inValue, int& ioEvaluated)
 {

@@ -227,8 +227,7 @@ TEST_F(UnbufferedWriterTest, OpenFailsWithTheFilesResult)
     EXPECT_EQ(files->OpenHandles(), 0u);
 }
 
-// ---- Contracts
-// -------------------------------------------------------------------------------------------------------
+// ---- Contracts ------------------------------------------------------------------------------------------------------
 
 void ExpectContractViolation(const std::function<void()>& inCall, const std::string& inExpression)
 {
@@ -260,8 +259,7 @@ TEST_F(UnbufferedWriterTest, BrokenContractsAreReportedAndRaised)
                             "inInitialOffset == inInitialOffset / mDiskSectorSize * mDiskSectorSize");
 }
 
-// ---- Block size and trace
-// --------------------------------------------------------------------------------------------
+// ---- Block size and trace -------------------------------------------------------------------------------------------
 
 struct BlockRow
 {

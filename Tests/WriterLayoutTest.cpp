@@ -183,8 +183,7 @@ TEST_F(WriterLayout, BlockSizeLeavesNoTraceInTheFile)
     EXPECT_EQ(std::string(first.begin() + kMediaOffset, first.end()), media);
 }
 
-// ---- Beyond 4 GiB
-// ----------------------------------------------------------------------------------------------------
+// ---- Beyond 4 GiB ---------------------------------------------------------------------------------------------------
 
 class LargeMovie : public MovieTest
 {

@@ -1,5 +1,6 @@
 #include "Support/AllocationLimit.h"
 #include "Support/MovieTest.h"
+#include "Support/RecordingFileSystem.h"
 
 #include <Tolbin/FileSupport.h>
 
@@ -47,8 +48,7 @@ ReportTexts UnknownTrack(const std::string& inID)
     return {"false|Unknown TrackID: " + inID + "\n"};
 }
 
-// ---- Refusals
-// --------------------------------------------------------------------------------------------------------
+// ---- Refusals -------------------------------------------------------------------------------------------------------
 
 struct Operation
 {
@@ -204,8 +204,7 @@ TEST_F(WriterTest, UserDataBeyondTwoGiBytesIsRefusedUnread)
     EXPECT_EQ(AtomTree(MovieAtom("moov")).find("udta"), std::string::npos);
 }
 
-// ---- Tracks and samples
-// ----------------------------------------------------------------------------------------------
+// ---- Tracks and samples ---------------------------------------------------------------------------------------------
 
 TEST_F(WriterTest, SamplesLieBackToBackInCallOrder)
 {
@@ -318,8 +317,7 @@ TEST_F(WriterTest, DurationBeyond31BitsIsReportedAndKeptTruncated)
     EXPECT_EQ(Big32(MovieAtom("moov/trak[2]/mdia/mdhd"), 24), 0xFFFFFFFFu);
 }
 
-// ---- The movie atom
-// --------------------------------------------------------------------------------------------------
+// ---- The movie atom -------------------------------------------------------------------------------------------------
 
 TEST_F(WriterTest, MovieAtomOfEveryKindOfTrack)
 {
@@ -434,8 +432,7 @@ TEST_F(WriterTest, EveryHeaderCarriesTheFilesCreationTimeInUTC)
     }
 }
 
-// ---- Closing that fails
-// ----------------------------------------------------------------------------------------------
+// ---- Closing that fails ---------------------------------------------------------------------------------------------
 
 struct CloseRow
 {
@@ -456,6 +453,35 @@ const CloseRow kCloseRows[] = {
     {"Exception", [](BinaryDataArray&) { throw std::runtime_error("host"); }, Tolbin::kResultOutOfMemory, {"0|"}},
     {"NoException", [](BinaryDataArray&) { throw 7; }, Tolbin::kResultOutOfMemory, {"0|"}},
 };
+
+// Memory may be gone for good, and the handler is the host's: neither may keep the file open.
+TEST_F(WriterTest, ReportHandlerThatThrowsKeepsNoFileOpen)
+{
+    RecordingFileSystem recording(Ventra::FileSystem::Current());
+    const On scope(*this, recording);
+    const auto previous =
+        Tolbin::debug::SetReportHandler([](const Tolbin::debug::Report&, bool&) -> bool { throw std::bad_alloc(); });
+    EXPECT_EQ(Create(), 0);
+    EXPECT_EQ(Add(NewTrack(QT::kQTMediaTypeText, 600, Describe([](BinaryDataArray&) { throw 7; })), "media"), 0);
+    EXPECT_EQ(writer->Close(), Tolbin::kResultOutOfMemory);
+    EXPECT_EQ(writer->Close(), kQTErrBadState);
+    EXPECT_EQ(recording.OpenHandles(), 0u);
+    Tolbin::debug::SetReportHandler(previous);
+}
+
+TEST_F(WriterTest, TraceHandlerThatThrowsOutOfCreateKeepsNoFileOpen)
+{
+    RecordingFileSystem recording(Ventra::FileSystem::Current());
+    const On scope(*this, recording);
+    constexpr const char* kCategory = "UnbufferedWriter::OpenExisting()";
+    const auto previous = Tolbin::debug::SetTraceHandler([](int, const std::string&, const std::string&) { throw 7; });
+    Tolbin::debug::SetTraceEnabled(kCategory, true);
+    EXPECT_THROW(Create(), int);
+    EXPECT_EQ(writer->Close(), kQTErrBadState);
+    EXPECT_EQ(recording.OpenHandles(), 0u);
+    Tolbin::debug::SetTraceEnabled(kCategory, false);
+    Tolbin::debug::SetTraceHandler(previous);
+}
 
 class WriterClose : public MovieTest, public testing::WithParamInterface<CloseRow>
 {
@@ -503,8 +529,7 @@ TEST_F(WriterTest, NoMemoryForTheBlockFailsTheCreate)
     EXPECT_EQ(writer->Close(), kQTErrBadState);
 }
 
-// ---- Files
-// -----------------------------------------------------------------------------------------------------------
+// ---- Files ----------------------------------------------------------------------------------------------------------
 
 TEST_F(WriterTest, CreateReplacesAnExistingFile)
 {

@@ -44,6 +44,9 @@ constexpr Tolbin::Result kQTErrBadState = Tolbin::MakeResult(0xA0810004);    //!
                                                                              //!< `Create`, or after `Close`.
 constexpr Tolbin::Result kQTErrBadArgument = Tolbin::MakeResult(0xA0810005); //!< An argument that no movie can hold.
 constexpr Tolbin::Result kQTErrTooLarge = Tolbin::MakeResult(0xA0810006);    //!< An atom would pass its 32-bit size.
+using Tolbin::kResultFailed;      //!< A track's sample description gave no bytes.
+using Tolbin::kResultOutOfMemory; //!< Memory could not be obtained, or an exception ended the assembly of 'moov'.
+using Tolbin::kResultShortWrite;  //!< The system wrote fewer bytes than it was asked to.
 //! @}
 
 } // namespace QT

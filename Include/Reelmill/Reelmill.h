@@ -20,7 +20,7 @@ namespace QT
 //! `Close`: a movie that is not closed is not playable. One thread at a time; different writers are independent.
 //!
 //! Results common to all operations, checked in this order before anything is changed:
-//! - `kQTErrBadState`: not between a successful `Create` and `Close`;
+//! - `kQTErrBadState`: not between a successful `Create` and `Close` (`Create` itself: not the first);
 //! - `kQTErrUnknownTrackID`: a track ID that this writer did not give out (also reported as an assertion).
 //!
 //! Where memory for the bookkeeping of a call cannot be had, `std::bad_alloc` leaves the call.
@@ -35,9 +35,9 @@ public:
     //! \param inPath            path of the movie file
     //! \param inMovieTimeScale  movie time units per second, above 0
     //! \return 0 or above; `kQTErrBadArgument` when the volume's disk-buffer size is unusable; `kResultOutOfMemory`
-    //! when
-    //!         the block for media cannot be had; `kResultShortWrite` or an error of the system. After a failure every
-    //!         call but destruction is refused, and a partial file may be left.
+    //!         when the block for media cannot be had; `kResultShortWrite` or an error of the system. After a failure
+    //!         every call but destruction is refused, and a partial file may be left. The movie's creation time is the
+    //!         file's: a file that is replaced keeps its own.
     virtual Tolbin::Result Create(Tolbin::UTF16String inPath, int inMovieTimeScale) = 0;
 
     //! Adds a track. A track that never gets a sample is left out of the movie.
@@ -59,7 +59,7 @@ public:
     //! \param inAuxValue, inAuxFlag  stored with the record; no atom uses them
     //! \return 0 or above; `kQTErrBadArgument` for a negative size or count, or a null pointer with a size above 0;
     //!         `kResultShortWrite` or an error of the system, and the samples are not part of the movie. After a failed
-    //!         write the media on disk has a hole: later samples are recorded at their true offsets all the same.
+    //!         write the movie is to be abandoned: samples added later may not lie where they are recorded.
     virtual Tolbin::Result AddMediaSample(TrackID inTrackID, void* inData, int inDataSize, std::int32_t inSampleCount,
                                           std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag) = 0;
 
@@ -80,8 +80,7 @@ public:
     //! \param inUserDataType  four-character code
     //! \param inData          `inDataSize` bytes (0 is allowed), copied
     //! \return 0; `kQTErrNullUserData` for a null pointer; `kQTErrBadArgument` for a negative size; `kQTErrTooLarge`
-    //! when
-    //!         the items together would pass 2 GiB.
+    //!         when the items together would pass 2 GiB.
     virtual Tolbin::Result AddTrackUserData(TrackID inTrackID, int inUserDataType, void* inData, int inDataSize) = 0;
 
     //! Attaches an item to the movie's 'udta'. As `AddTrackUserData`.
@@ -103,11 +102,12 @@ public:
     //! \return 0 or above; `kResultFailed` when a track's description gives no bytes; `kQTErrTooLarge` when a table or
     //!         the 'moov' atom would reach 2 GiB; `kResultOutOfMemory`; `kResultShortWrite` or an error of the system.
     //!         After a failure the file has no usable 'moov' atom; its media is still there. A failure to write the
-    //!         last media block is not part of the result: the file is then shorter than its 'mdat' says.
+    //!         last media block is not part of the result: 'mdat' then reaches beyond the end of the file, or over the
+    //!         'moov' atom behind it.
     virtual Tolbin::Result Close() = 0;
 
     //! Does nothing: media already goes to disk by itself.
-    //! \return 0.
+    //! \return 0; `kQTErrBadState` out of order.
     virtual Tolbin::Result Flush() = 0;
 
     //! The longest track's duration in movie time units, trim-ins not counted; 0 out of order.

@@ -104,8 +104,7 @@ bool IsDebuggerAttached()
     return Ventra::OperatingSystem::IsDebuggerAttached();
 }
 
-// ---- Trace
-// -----------------------------------------------------------------------------------------------------------
+// ---- Trace ----------------------------------------------------------------------------------------------------------
 
 std::atomic<std::uint32_t> TraceChangeCount{1};
 
@@ -150,8 +149,7 @@ void Trace(int inLevel, const char* inCategory, const std::string& inMessage)
     std::fprintf(stderr, "%s: %s", inCategory, inMessage.c_str());
 }
 
-// ---- Settings
-// --------------------------------------------------------------------------------------------------------
+// ---- Settings -------------------------------------------------------------------------------------------------------
 
 DebugDatabase::DebugDatabase()
 {

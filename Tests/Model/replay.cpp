@@ -49,8 +49,7 @@ namespace
 using Json = nlohmann::json;
 using Tolbin::Result;
 
-// ---- Arguments
-// -------------------------------------------------------------------------------------------------------
+// ---- Arguments ------------------------------------------------------------------------------------------------------
 
 //! A 32-bit argument that a script may spell signed or unsigned.
 template <typename T>
@@ -103,8 +102,7 @@ private:
     std::vector<char> mBytes;
 };
 
-// ---- Doubles
-// ---------------------------------------------------------------------------------------------------------
+// ---- Doubles --------------------------------------------------------------------------------------------------------
 
 //! The operating system's files on a volume that says of itself what the script wants.
 class ScriptedVolume final : public Ventra::FileSystem
@@ -242,8 +240,7 @@ private:
     std::vector<std::string> mKeys;
 };
 
-// ---- One script
-// ------------------------------------------------------------------------------------------------------
+// ---- One script -----------------------------------------------------------------------------------------------------
 
 //! A writer and its descriptions, from creation to destruction.
 class Session

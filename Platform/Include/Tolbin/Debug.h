@@ -3,7 +3,6 @@
 #include <Tolbin/Export.h>
 
 #include <atomic>
-#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <functional>
@@ -16,8 +15,7 @@
 namespace Tolbin::debug
 {
 
-// ---- Reports
-// ---------------------------------------------------------------------------------------------------------
+// ---- Reports --------------------------------------------------------------------------------------------------------
 
 enum class ReportKind
 {
@@ -79,8 +77,7 @@ private:
     std::atomic<bool> mDisabled{false};
 };
 
-// ---- Trace
-// -----------------------------------------------------------------------------------------------------------
+// ---- Trace ----------------------------------------------------------------------------------------------------------
 
 using TraceHandler = std::function<void(int inLevel, const std::string& inCategory, const std::string& inMessage)>;
 
@@ -102,8 +99,7 @@ TOLBIN_EXPORT void Trace(int inLevel, const char* inCategory, const std::string&
 //! stale.
 TOLBIN_EXPORT extern std::atomic<std::uint32_t> TraceChangeCount;
 
-// ---- Settings
-// --------------------------------------------------------------------------------------------------------
+// ---- Settings -------------------------------------------------------------------------------------------------------
 
 //! Named settings, as text. Starts with the entries of the environment variable TOLBIN_DEBUG_DATABASE ("key=value"
 //! pairs separated by semicolons). Safe to use from any thread.
