@@ -354,15 +354,19 @@ private:
         return index.is_null() ? nullptr : mDescriptions.at(index.get<std::size_t>());
     }
 
-    QT::QTImageDescription& Image(const Json& inCall) const
+    //! The description that a call names, as one of its own kind.
+    template <typename Kind>
+    Kind& DescriptionAs(const Json& inCall) const
     {
-        const auto image = boost::dynamic_pointer_cast<QT::QTImageDescription>(Description(inCall));
-        if (!image)
+        const auto description = boost::dynamic_pointer_cast<Kind>(Description(inCall));
+        if (!description)
         {
-            throw std::invalid_argument("the script names no image description");
+            throw std::invalid_argument("the script names a description of another kind");
         }
-        return *image; // Kept alive by the list.
+        return *description; // Kept alive by the list.
     }
+
+    QT::QTImageDescription& Image(const Json& inCall) const { return DescriptionAs<QT::QTImageDescription>(inCall); }
 
     Json TextDescription(const Json&)
     {
@@ -386,9 +390,9 @@ private:
 
     Json Init(const Json& inCall)
     {
-        dynamic_cast<QT::QTTimecodeDescription&>(*Description(inCall))
-            .Init(Int(inCall.at("timeScale")), Int(inCall.at("frameDuration")), Int(inCall.at("frames")),
-                  inCall.at("dropFrame"));
+        DescriptionAs<QT::QTTimecodeDescription>(inCall).Init(Int(inCall.at("timeScale")),
+                                                              Int(inCall.at("frameDuration")), Int(inCall.at("frames")),
+                                                              inCall.at("dropFrame"));
         return nullptr;
     }
 
