@@ -2,7 +2,12 @@
 
 #include "CommandError.h"
 #include "Demo.h"
+#include "DescriptionOptions.h"
+#include "Info.h"
+#include "Manual.h"
+#include "Map.h"
 #include "MediaSource.h"
+#include "VerifyFiles.h"
 #include "Wrap.h"
 
 #include <CLI/CLI.hpp>
@@ -79,12 +84,21 @@ struct WrapArguments
     std::string frameRate;
     bool overwrite = false;
     bool quiet = false;
+    DescriptionArguments descriptions;
+    TrackArguments tracks;
 };
 
 void RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
 {
     WrapOptions options;
     options.inputs = inArguments.inputs;
+    options.descriptions = ParseDescriptionOptions(inArguments.descriptions);
+    AddLabelledFiles(options.descriptions, options.inputs);
+    options.tracks = ParseTrackOptions(inArguments.tracks);
+    if (options.inputs.empty())
+    {
+        throw CommandError(ExitCode::kUsage, "there is no input: name a media file (see reelmill wrap --help)");
+    }
     options.output = inArguments.output;
     options.overwrite = inArguments.overwrite;
     if (!inArguments.frameRate.empty())
@@ -97,6 +111,7 @@ void RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
     }
     WrapSummary summary;
     {
+        const LibraryScope library(options.descriptions, inStreams.err);
         Progress progress(inStreams.err, ProgressStyle(inStreams.err, inArguments.quiet));
         summary = Wrap(options, progress);
     }
@@ -120,7 +135,6 @@ void AddWrap(CLI::App& ioApp, const Streams& inStreams)
         ->add_option("input", arguments->inputs,
                      "Media files, or image sequences by a pattern such as frame%04d.png: the first video and all "
                      "audio streams of each are taken")
-        ->required()
         ->type_name("INPUT");
     command->add_option("-o,--output", arguments->output, "The movie to write")->required()->type_name("OUT.mov");
     command->add_option("--fps", arguments->frameRate, "Frame rate of image sequences, such as 25 or 24000/1001")
@@ -128,6 +142,8 @@ void AddWrap(CLI::App& ioApp, const Streams& inStreams)
     command->add_flag("-y,--overwrite", arguments->overwrite, "Replace the movie if it exists");
     command->add_flag("-q,--quiet", arguments->quiet,
                       "Print neither progress nor a summary; notes go to standard error");
+    AddDescriptionOptions(*command, arguments->descriptions);
+    AddTrackOptions(*command, arguments->tracks);
     command->callback([arguments, inStreams] { RunWrap(*arguments, inStreams); });
 }
 
@@ -161,6 +177,71 @@ void AddDemo(CLI::App& ioApp, const Streams& inStreams)
     command->callback([arguments, inStreams] { RunDemo(*arguments, inStreams); });
 }
 
+void AddInfo(CLI::App& ioApp, const Streams& inStreams)
+{
+    const auto options = std::make_shared<InfoOptions>();
+    CLI::App* command = ioApp.add_subcommand("info", "Shows what a movie file holds");
+    command->add_option("input", options->input, "The movie")->required()->type_name("FILE");
+    command->add_flag("--json", options->json, "Print it as JSON");
+    CLI::Option* atoms = command->add_flag("--atoms", options->atoms, "Print the tree of atoms: offset, size, type");
+    command->add_option("--samples", options->samples, "Print every sample of the track with this ID")
+        ->type_name("TRACK")
+        ->excludes(atoms);
+    command->callback([options, inStreams] { PrintInfo(*options, inStreams.out); });
+}
+
+void AddVerify(CLI::App& ioApp, const Streams& inStreams)
+{
+    const auto options = std::make_shared<VerifyOptions>();
+    CLI::App* command = ioApp.add_subcommand("verify", "Checks that movie files are sound, and says what is wrong");
+    command->add_option("input", options->inputs, "The movies")->required()->type_name("FILE");
+    command->add_flag("--json", options->json, "Print the findings as JSON");
+    command->add_flag("-q,--quiet", options->quiet, "Print only files that are not sound");
+    command->callback([options, inStreams] { VerifyFiles(*options, inStreams.out); });
+}
+
+void AddMap(CLI::App& ioApp)
+{
+    const auto options = std::make_shared<MapOptions>();
+    CLI::App* command = ioApp.add_subcommand("map", "Draws where everything lies in a movie file");
+    command->add_option("input", options->input, "The movie")->required()->type_name("FILE");
+    command->add_option("-o,--output", options->output, "The picture to write: .svg, or .html for a page")
+        ->required()
+        ->type_name("OUT");
+    command->add_flag("-y,--overwrite", options->overwrite, "Replace the picture if it exists");
+    command->callback([options] { WriteMap(*options); });
+}
+
+void AddHelp(CLI::App& ioApp, const Streams& inStreams)
+{
+    struct Arguments
+    {
+        std::string subcommand;
+        bool manual = false;
+        bool completion = false;
+    };
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command = ioApp.add_subcommand("help", "Explains a subcommand, with examples");
+    command->add_option("subcommand", arguments->subcommand, "What to explain")->type_name("SUBCOMMAND");
+    CLI::Option* manual = command->add_flag("--man", arguments->manual, "Print the manual page, for man(1)");
+    command->add_flag("--bash-completion", arguments->completion, "Print tab completion for bash, to be sourced")
+        ->excludes(manual);
+    command->callback([arguments, inStreams, app = &ioApp] {
+        if (arguments->manual)
+        {
+            PrintManualPage(*app, REELMILL_VERSION, inStreams.out);
+        }
+        else if (arguments->completion)
+        {
+            PrintBashCompletion(*app, inStreams.out);
+        }
+        else
+        {
+            PrintHelp(*app, arguments->subcommand, inStreams.out);
+        }
+    });
+}
+
 int Fail(std::ostream& err, ExitCode inExitCode, const std::string& inSentence)
 {
     err << "reelmill: " << inSentence << std::endl;
@@ -179,6 +260,10 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
         app.require_subcommand(1);
         AddWrap(app, streams);
         AddDemo(app, streams);
+        AddInfo(app, streams);
+        AddVerify(app, streams);
+        AddMap(app);
+        AddHelp(app, streams);
         try
         {
             app.parse(argc, argv);

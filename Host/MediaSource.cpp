@@ -151,6 +151,16 @@ bool HasSequencePattern(const std::string& inPath, NumberPattern& outPattern)
     return ParsePattern(fs::path(inPath).filename().string(), outPattern) && !fs::exists(inPath, error);
 }
 
+//! Whether the stream's content is known without its packets: that of a timecode or a chapter track.
+bool IsTaken(const AVFormatContext& inFormat, const AVStream& inStream)
+{
+    const bool isTimecode = inStream.codecpar->codec_type == AVMEDIA_TYPE_DATA &&
+                            av_dict_get(inStream.metadata, "timecode", nullptr, 0) != nullptr;
+    const bool isChapters = inStream.codecpar->codec_tag == MKTAG('t', 'e', 'x', 't') && inFormat.nb_chapters > 0 &&
+                            inStream.nb_frames == static_cast<std::int64_t>(inFormat.nb_chapters);
+    return isTimecode || isChapters;
+}
+
 [[noreturn]] void FailOpen(const std::string& inPath, int inError)
 {
     if (inError == AVERROR_INVALIDDATA)
@@ -163,7 +173,7 @@ bool HasSequencePattern(const std::string& inPath, NumberPattern& outPattern)
 
 } // namespace
 
-MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate) : mPath(inPath)
+MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly) : mPath(inPath)
 {
     av_log_set_level(AV_LOG_QUIET); // What goes wrong is told by results; the rest is not for users.
 
@@ -210,10 +220,10 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate) : mP
     {
         FailOpen(inPath, result);
     }
-    SelectStreams();
+    SelectStreams(inAudioOnly);
 }
 
-void MediaSource::SelectStreams()
+void MediaSource::SelectStreams(bool inAudioOnly)
 {
     bool hasVideo = false;
     for (unsigned int index = 0; index < mFormat->nb_streams; ++index)
@@ -221,19 +231,24 @@ void MediaSource::SelectStreams()
         AVStream& stream = *mFormat->streams[index];
         const bool isPicture = (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
         const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isPicture;
-        if ((isVideo && !hasVideo) || stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
+        if ((isVideo && !hasVideo && !inAudioOnly) || stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
         {
             hasVideo = hasVideo || isVideo;
             mStreams.push_back(&stream);
             continue;
         }
         stream.discard = AVDISCARD_ALL;
+        if (IsTaken(*mFormat, stream))
+        {
+            continue;
+        }
         mNotes.push_back(fmt::format("{} is left out: {}", DescribeStream(*this, stream),
-                                     isPicture ? "it is an attached picture"
-                                     : isVideo ? "only the first video stream of an input is taken"
-                                               : "only video and audio are taken"));
+                                     isPicture     ? "it is an attached picture"
+                                     : inAudioOnly ? "only audio is taken of a file that --audio adds"
+                                     : isVideo     ? "only the first video stream of an input is taken"
+                                                   : "only video and audio are taken"));
     }
-    if (mStreams.empty())
+    if (mStreams.empty() && !inAudioOnly)
     {
         throw CommandError(ExitCode::kInputRefused, fmt::format("\"{}\" has neither video nor audio", mPath));
     }
@@ -324,6 +339,13 @@ std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream
         isNamed ? avcodec_get_name(parameters.codec_id) : av_fourcc_make_string(tag, parameters.codec_tag);
     return fmt::format("stream {} ({}, {}) of \"{}\"", inStream.index, type != nullptr ? type : "unknown", codec,
                        inSource.GetPath());
+}
+
+void RefuseOption(const std::string& inOption, const MediaSource& inSource, const AVStream& inStream,
+                  const std::string& inReason)
+{
+    throw CommandError(ExitCode::kInputRefused,
+                       fmt::format("{} does not fit {}: {}", inOption, DescribeStream(inSource, inStream), inReason));
 }
 
 void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason)

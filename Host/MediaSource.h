@@ -17,10 +17,11 @@ public:
     //! Opens the input and reads as much of it as libavformat needs to tell its streams apart.
     //!
     //! \param inFrameRate  rate of an image sequence, which needs one; not looked at otherwise
+    //! \param inAudioOnly  takes no video; whether there is any audio is for the caller to check
     //!
     //! Throws CommandError: `kIOFailed` when it cannot be opened or read, `kInputRefused` when it holds no media that
     //! libavformat knows, neither video nor audio, an image sequence with a gap or without a frame rate.
-    MediaSource(const std::string& inPath, AVRational inFrameRate);
+    MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly = false);
 
     //! As the user gave it.
     const std::string& GetPath() const { return mPath; }
@@ -56,7 +57,7 @@ private:
         void operator()(AVFormatContext* inFormat) const { avformat_close_input(&inFormat); }
     };
 
-    void SelectStreams();
+    void SelectStreams(bool inAudioOnly);
 
     std::string mPath;
     std::unique_ptr<AVFormatContext, FormatCloser> mFormat;
@@ -66,6 +67,11 @@ private:
 
 //! Names a stream in a sentence: `stream 1 (audio, pcm_s16le) of "a.mov"`.
 std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream);
+
+//! Ends the command because an option, named as the user wrote it, does not fit the stream; `inReason` completes
+//! "... does not fit stream ...: ".
+[[noreturn]] void RefuseOption(const std::string& inOption, const MediaSource& inSource, const AVStream& inStream,
+                               const std::string& inReason);
 
 //! Ends the command because a movie cannot hold the stream; `inReason` completes "stream ... cannot be wrapped: ".
 [[noreturn]] void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason);

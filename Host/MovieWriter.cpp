@@ -75,6 +75,24 @@ void MovieWriter::EndChunk(QT::TrackID inTrack)
     Check(mWriter->EndMediaChunk(inTrack));
 }
 
+void MovieWriter::AddText(QT::TrackID inTrack, const Tolbin::UTF16String& inText, int inDuration)
+{
+    Check(mWriter->AddTextMediaSample(inTrack, inText, inDuration));
+}
+
+void MovieWriter::AddReference(QT::TrackID inTrack, QT::TrackID inReferenced, QT::TrackReferenceType inType)
+{
+    Check(mWriter->AddTrackReference(inTrack, inReferenced, inType));
+}
+
+void MovieWriter::AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t inType, std::string& inPayload)
+{
+    const auto type = static_cast<std::int32_t>(inType); // The format's codes reach beyond 31 bits.
+    const int size = static_cast<int>(inPayload.size()); // A file of user data is far smaller.
+    Check(inTrack ? mWriter->AddTrackUserData(*inTrack, type, inPayload.data(), size)
+                  : mWriter->AddUserData(type, inPayload.data(), size));
+}
+
 void MovieWriter::Close()
 {
     Check(mWriter->Close());

@@ -28,7 +28,12 @@ public:
                          const boost::shared_ptr<QT::QTSampleDescription>& inDescription);
     void SetTrimIn(QT::TrackID inTrack, int inTrimIn);
     void AddSamples(QT::TrackID inTrack, std::uint8_t* inData, int inSize, int inCount, int inDuration);
+    void AddText(QT::TrackID inTrack, const Tolbin::UTF16String& inText, int inDuration);
     void EndChunk(QT::TrackID inTrack);
+    void AddReference(QT::TrackID inTrack, QT::TrackID inReferenced, QT::TrackReferenceType inType);
+
+    //! User data of a track, or of the movie when there is none.
+    void AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t inType, std::string& inPayload);
     void Close();
 
 private:

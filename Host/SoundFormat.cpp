@@ -1,5 +1,6 @@
 #include "SoundFormat.h"
 
+#include <boost/endian/conversion.hpp>
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
@@ -137,6 +138,76 @@ private:
     boost::shared_ptr<QT::QTSampleDescription> mDescription;
 };
 
+//! The library numbers the discrete channels of several by their place, from 0. This numbers them from elsewhere.
+class RenumberedDescription final : public QT::QTSampleDescription
+{
+public:
+    RenumberedDescription(boost::shared_ptr<QT::QTSampleDescription> inDescription, int inChannelCount, int inFirst)
+        : mDescription(std::move(inDescription)),
+          mChannelCount(static_cast<std::size_t>(inChannelCount)),
+          mFirst(static_cast<std::uint32_t>(inFirst))
+    {
+    }
+
+    //! The entry ends with the channel layout, and that with 20 bytes for each channel: its label, then 0.
+    void GetAsBinary(Tolbin::utility::BinaryDataArray& outEntry) override
+    {
+        constexpr std::size_t kChannelSize = 20;
+        constexpr std::uint32_t kDiscrete0 = 0x10000;
+        mDescription->GetAsBinary(outEntry);
+        std::uint8_t* channel = outEntry.data() + outEntry.size() - mChannelCount * kChannelSize;
+        for (std::uint32_t index = 0; index < mChannelCount; ++index, channel += kChannelSize)
+        {
+            boost::endian::store_big_u32(channel, kDiscrete0 + mFirst + index);
+        }
+    }
+
+private:
+    boost::shared_ptr<QT::QTSampleDescription> mDescription;
+    std::size_t mChannelCount;
+    std::uint32_t mFirst;
+};
+
+//! The labels that the user gave. Refuses what does not fit the stream.
+Quorlan::AudioChannelLayout ChosenLabels(const MediaSource& inSource, const AVStream& inStream,
+                                         const AudioLabels& inLabels)
+{
+    const int count = inStream.codecpar->ch_layout.nb_channels;
+    if (!inLabels.labels.empty() && inLabels.labels.size() != static_cast<std::size_t>(count))
+    {
+        RefuseOption(inLabels.option, inSource, inStream,
+                     fmt::format("the channels are {}, and the labels {}; give one for each channel", count,
+                                 inLabels.labels.size()));
+    }
+    constexpr int kMaximumDiscrete = 0xFFFF;
+    if (inLabels.firstDiscrete + count - 1 > kMaximumDiscrete)
+    {
+        RefuseOption(inLabels.option, inSource, inStream,
+                     fmt::format("the channels are {}, and numbers end at {}", count, kMaximumDiscrete));
+    }
+    if (inLabels.labels.empty())
+    {
+        return Quorlan::AudioChannelLayout(static_cast<std::size_t>(count), Quorlan::kAudioChannelLabelDiscrete);
+    }
+    return {inLabels.labels.begin(), inLabels.labels.end()};
+}
+
+//! "L R" or "6 discrete channels from 9", for people.
+std::string NamesOf(const AudioLabels& inChoice, const Quorlan::AudioChannelLayout& inLabels)
+{
+    if (inChoice.labels.empty())
+    {
+        return fmt::format("{} discrete channels from {}", inLabels.size(), inChoice.firstDiscrete);
+    }
+    std::string names;
+    for (const Quorlan::AudioChannelDescription& channel : inLabels)
+    {
+        names += (names.empty() ? "" : " ");
+        names += LabelName(channel.GetLabel());
+    }
+    return names;
+}
+
 //! The labels of the stream's channels, and whether those without a position are numbered (`outDiscrete`). A position
 //! that the input does not state is never guessed; only a single channel means mono.
 Quorlan::AudioChannelLayout LabelsOf(const AVChannelLayout& inLayout, bool& outDiscrete,
@@ -178,7 +249,8 @@ Quorlan::AudioChannelLayout LabelsOf(const AVChannelLayout& inLayout, bool& outD
 
 } // namespace
 
-SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream)
+SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream, const AudioLabels* inLabels,
+                          std::optional<int> inChannel)
 {
     const AVCodecParameters& parameters = *inStream.codecpar;
     const auto* form = std::find_if(kSampleForms.begin(), kSampleForms.end(), [&parameters](const SampleForm& inForm) {
@@ -193,7 +265,7 @@ SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream)
                      : isPCM          ? fmt::format("{} is not a form of PCM that the format can hold", codec->name)
                              : fmt::format("{} is compressed, and only PCM audio can be written", codec->name));
     }
-    const int channels = parameters.ch_layout.nb_channels;
+    int channels = parameters.ch_layout.nb_channels;
     if (channels <= 0 || channels > UINT16_MAX)
     {
         RefuseStream(inSource, inStream, fmt::format("it has {} channels", channels));
@@ -205,21 +277,38 @@ SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream)
     SoundFormat format;
     format.sampleRate = parameters.sample_rate;
     format.bytesPerFrame = channels * form->bytes;
+    format.bytesPerSample = form->bytes;
     if (parameters.block_align != 0 && parameters.block_align != format.bytesPerFrame)
     {
         RefuseStream(
             inSource, inStream,
             fmt::format("its sample frames have {} bytes instead of {}", parameters.block_align, format.bytesPerFrame));
     }
-    bool isDiscrete = false;
-    const Quorlan::AudioChannelLayout labels = LabelsOf(parameters.ch_layout, isDiscrete, format.notes);
-    format.description = QT::CreateSoundDescription(0, channels, format.sampleRate, form->type, labels, isDiscrete);
+    bool isDiscrete = inLabels != nullptr;
+    Quorlan::AudioChannelLayout labels = inLabels != nullptr ? ChosenLabels(inSource, inStream, *inLabels)
+                                                             : LabelsOf(parameters.ch_layout, isDiscrete, format.notes);
+    std::string layout = inLabels != nullptr ? NamesOf(*inLabels, labels) : LayoutName(parameters.ch_layout);
+    const bool isNumbered = inLabels != nullptr && inLabels->firstDiscrete > 0;
+    int firstDiscrete = inLabels != nullptr ? inLabels->firstDiscrete : 0;
+    if (inChannel && channels > 1)
+    {
+        const Quorlan::AudioChannelDescription label = labels[static_cast<std::size_t>(*inChannel)];
+        layout = fmt::format("channel {} of {} ({})", *inChannel + 1, channels, LabelName(label.GetLabel()));
+        labels = {label};
+        firstDiscrete += *inChannel;
+        channels = 1;
+    }
+    format.description =
+        QT::CreateSoundDescription(firstDiscrete, channels, format.sampleRate, form->type, labels, isDiscrete);
+    if (channels > 1 && isNumbered)
+    {
+        format.description = boost::make_shared<RenumberedDescription>(format.description, channels, firstDiscrete);
+    }
     if (form->type == Sambrel::kAudioSampleTypeInt8)
     {
         format.description = boost::make_shared<SignedByteDescription>(format.description);
     }
-    format.summary = fmt::format("{}, {} Hz, {}", avcodec_get_name(parameters.codec_id), format.sampleRate,
-                                 LayoutName(parameters.ch_layout));
+    format.summary = fmt::format("{}, {} Hz, {}", avcodec_get_name(parameters.codec_id), format.sampleRate, layout);
     return format;
 }
 

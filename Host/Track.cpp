@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -68,8 +69,7 @@ bool HasSecondImage(const AVPacket& inPacket)
 
 } // namespace
 
-// ---- Any track
-// -------------------------------------------------------------------------------------------------------
+// ---- Any track ------------------------------------------------------------------------------------------------------
 
 void Track::Push(PacketPtr inPacket)
 {
@@ -147,11 +147,12 @@ std::vector<std::string> Track::GetNotes() const
     return notes;
 }
 
-// ---- Video
-// -----------------------------------------------------------------------------------------------------------
+// ---- Video ----------------------------------------------------------------------------------------------------------
 
-VideoTrack::VideoTrack(const MediaSource& inSource, AVStream& ioStream)
-    : Track(inSource, ioStream), mFormat(DescribeVideo(inSource, ioStream)), mClock(TimingOf(inSource, ioStream))
+VideoTrack::VideoTrack(const MediaSource& inSource, AVStream& ioStream, const VideoOptions& inOptions)
+    : Track(inSource, ioStream),
+      mFormat(DescribeVideo(inSource, ioStream, inOptions)),
+      mClock(TimingOf(inSource, ioStream))
 {
     if (ioStream.time_base.num <= 0 || ioStream.time_base.den <= 0)
     {
@@ -163,6 +164,18 @@ std::string VideoTrack::GetSummary() const
 {
     const AVRational rate = ConstantFrameRate(GetStream());
     return rate.num > 0 ? fmt::format("{}, {:.6g} frames per second", mFormat.summary, av_q2d(rate)) : mFormat.summary;
+}
+
+AVRational VideoTrack::GetFrameRate() const
+{
+    return ConstantFrameRate(GetStream());
+}
+
+std::int64_t VideoTrack::GetStatedDuration() const
+{
+    const bool isStated = GetStream().duration != AV_NOPTS_VALUE && !RoundsTimes(GetSource()) &&
+                          GetSource().GetFormat().duration_estimation_method == AVFMT_DURATION_FROM_STREAM;
+    return isStated ? mClock.UnitsOf(GetStream().duration) : 0;
 }
 
 void VideoTrack::Take(PacketPtr inPacket)
@@ -260,11 +273,11 @@ void VideoTrack::AddNotes(std::vector<std::string>& ioNotes) const
     }
 }
 
-// ---- Sound
-// -----------------------------------------------------------------------------------------------------------
+// ---- Sound ----------------------------------------------------------------------------------------------------------
 
-SoundTrack::SoundTrack(const MediaSource& inSource, AVStream& ioStream)
-    : Track(inSource, ioStream), mFormat(DescribeSound(inSource, ioStream))
+SoundTrack::SoundTrack(const MediaSource& inSource, AVStream& ioStream, const AudioLabels* inLabels,
+                       std::optional<int> inChannel)
+    : Track(inSource, ioStream), mFormat(DescribeSound(inSource, ioStream, inLabels, inChannel)), mChannel(inChannel)
 {
     const AVRational& base = ioStream.time_base;
     if (base.num <= 0 || base.den <= 0)
@@ -293,6 +306,25 @@ void SoundTrack::PassOver(const AVPacket& inPacket)
     std::int64_t cut = 0; // The whole packet goes.
     ReadSkip(inPacket, cut);
     mSkip -= std::min<std::int64_t>(mSkip, inPacket.size / mFormat.bytesPerFrame);
+}
+
+void SoundTrack::TakeChannel(Sample& ioSample) const
+{
+    PacketPtr packet(av_packet_alloc());
+    if (packet == nullptr || av_new_packet(packet.get(), ioSample.count * mFormat.bytesPerSample) < 0)
+    {
+        throw std::bad_alloc();
+    }
+    const auto bytes = static_cast<std::size_t>(mFormat.bytesPerSample);
+    const std::uint8_t* source = ioSample.data + *mChannel * mFormat.bytesPerSample;
+    for (std::uint8_t* target = packet->data; target != packet->data + packet->size;
+         target += bytes, source += mFormat.bytesPerFrame)
+    {
+        std::memcpy(target, source, bytes);
+    }
+    ioSample.data = packet->data;
+    ioSample.size = packet->size;
+    ioSample.packet = std::move(packet);
 }
 
 void SoundTrack::Take(PacketPtr inPacket)
@@ -353,6 +385,10 @@ void SoundTrack::Take(PacketPtr inPacket)
     sample.duration = 1;
     sample.lastDuration = 1;
     sample.packet = std::move(inPacket);
+    if (mChannel)
+    {
+        TakeChannel(sample);
+    }
     mNext += count;
     Hold(std::move(sample));
 }

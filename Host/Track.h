@@ -59,6 +59,12 @@ public:
     //! Units per second.
     virtual int GetTimeScale() const = 0;
 
+    //! Frames per second of video where they are constant, as far as the input tells; else 0/1.
+    virtual AVRational GetFrameRate() const { return {0, 1}; }
+
+    //! Length in units of video as the input states it, exactly; 0 when it does not.
+    virtual std::int64_t GetStatedDuration() const { return 0; }
+
     virtual QT::MediaType GetMediaType() const = 0;
     virtual int GetWidth() const { return 0; }
     virtual int GetHeight() const { return 0; }
@@ -78,6 +84,10 @@ public:
 
     //! Bytes of all samples that wait here.
     std::size_t GetQueuedSize() const { return mQueuedSize; }
+
+    //! Bytes of those that are ready, and how many packets of the input they come from.
+    std::size_t GetReadySize() const { return mQueuedSize - (mHeld ? static_cast<std::size_t>(mHeld->size) : 0); }
+    std::size_t GetReadyCount() const { return mReady.size(); }
 
     //! Start of the latest sample that has come.
     std::int64_t GetHorizon() const { return mHorizon; }
@@ -114,11 +124,13 @@ private:
 class VideoTrack final : public Track
 {
 public:
-    VideoTrack(const MediaSource& inSource, AVStream& ioStream);
+    VideoTrack(const MediaSource& inSource, AVStream& ioStream, const VideoOptions& inOptions);
 
     std::int64_t GetFirstTime() const override { return mFirstTick; }
     AVRational GetFirstTimeBase() const override { return GetStream().time_base; }
     int GetTimeScale() const override { return mClock.GetTimeScale(); }
+    AVRational GetFrameRate() const override;
+    std::int64_t GetStatedDuration() const override;
     QT::MediaType GetMediaType() const override { return QT::kQTMediaTypeVideo; }
     int GetWidth() const override { return mFormat.trackWidth; }
     int GetHeight() const override { return mFormat.trackHeight; }
@@ -142,7 +154,10 @@ private:
 class SoundTrack final : public Track
 {
 public:
-    SoundTrack(const MediaSource& inSource, AVStream& ioStream);
+    //! \param inLabels   see DescribeSound
+    //! \param inChannel  takes this channel of the stream only
+    SoundTrack(const MediaSource& inSource, AVStream& ioStream, const AudioLabels* inLabels,
+               std::optional<int> inChannel);
 
     std::int64_t GetFirstTime() const override { return mFirstPosition; }
     AVRational GetFirstTimeBase() const override { return {1, mFormat.sampleRate}; }
@@ -159,7 +174,11 @@ private:
     void PassOver(const AVPacket& inPacket) override;
     void ReadSkip(const AVPacket& inPacket, std::int64_t& outCut);
 
+    //! Replaces a sample's data with those of the track's channel.
+    void TakeChannel(Sample& ioSample) const;
+
     SoundFormat mFormat;
+    std::optional<int> mChannel;
     std::int64_t mSkip = 0;          //!< Samples still to leave out.
     std::int64_t mTolerance = 0;     //!< How far, in samples, a stated time may be off for having been rounded.
     std::int64_t mFirstPosition = 0; //!< Time of the first sample, in samples.

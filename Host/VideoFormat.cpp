@@ -367,14 +367,19 @@ unsigned short ColourIndex(const char* inWhat, int inCodePoint, const char* inNa
 }
 
 void DescribeColour(const AVCodecParameters& inParameters, QT::QTImageDescription& ioDescription,
-                    std::vector<std::string>& ioNotes)
+                    const Choice<Colour>& inChoice, std::vector<std::string>& ioNotes)
 {
     const AVPixFmtDescriptor* pixels = PixelsOf(inParameters);
     const bool isRGB = pixels != nullptr && (pixels->flags & AV_PIX_FMT_FLAG_RGB) != 0;
     // RGB needs no matrix.
     const AVColorSpace matrix = isRGB ? AVCOL_SPC_UNSPECIFIED : inParameters.color_space;
-    if (inParameters.color_primaries != AVCOL_PRI_UNSPECIFIED || inParameters.color_trc != AVCOL_TRC_UNSPECIFIED ||
-        matrix != AVCOL_SPC_UNSPECIFIED)
+    if (inChoice)
+    {
+        const Colour& colour = inChoice->value;
+        ioDescription.SetColorSpaceParameter(colour.primaries, colour.transferFunction, colour.matrix);
+    }
+    else if (inParameters.color_primaries != AVCOL_PRI_UNSPECIFIED || inParameters.color_trc != AVCOL_TRC_UNSPECIFIED ||
+             matrix != AVCOL_SPC_UNSPECIFIED)
     {
         // SMPTE 170M and BT.2020 have the transfer function of BT.709, BT.470 BG the matrix of SMPTE 170M.
         ioDescription.SetColorSpaceParameter(
@@ -387,7 +392,7 @@ void DescribeColour(const AVCodecParameters& inParameters, QT::QTImageDescriptio
     const bool isImpliedFull = inParameters.codec_id == AV_CODEC_ID_MJPEG;
     if (inParameters.color_range == AVCOL_RANGE_JPEG && !isRGB && !isImpliedFull)
     {
-        ioNotes.push_back("the format cannot say that the values have full range");
+        ioNotes.emplace_back("the format cannot say that the values have full range");
     }
 }
 
@@ -459,9 +464,122 @@ void ApplyPixelAspect(AVRational inAspect, VideoFormat& ioFormat)
     ioFormat.trackWidth = static_cast<int>(width);
 }
 
+// ---- What the user says ---------------------------------------------------------------------------------------------
+
+//! The part of the frame to show: the chosen one, or all of it. Refuses one that is not inside the frame.
+CleanAperture ApertureOf(const MediaSource& inSource, const AVStream& inStream, const Choice<CleanAperture>& inChoice)
+{
+    const AVCodecParameters& parameters = *inStream.codecpar;
+    if (!inChoice)
+    {
+        return {parameters.width, parameters.height, {}};
+    }
+    const CleanAperture& aperture = inChoice->value;
+    const auto [left, top] = aperture.position.value_or(std::pair(0, 0));
+    if (aperture.width > parameters.width - left || aperture.height > parameters.height - top)
+    {
+        RefuseOption(inChoice->option, inSource, inStream,
+                     fmt::format("its frames have {}x{} pixels", parameters.width, parameters.height));
+    }
+    return aperture;
+}
+
+//! The pixel aspect that the user chose. Refuses one that makes the picture too wide for a track.
+AVRational ChosenPixelAspect(const MediaSource& inSource, const AVStream& inStream, const CleanAperture& inAperture,
+                             const Chosen<Aspect>& inAspect)
+{
+    AVRational aspect = inAspect.value.ratio;
+    if (!inAspect.value.isOfPixel)
+    {
+        const bool isExact = av_reduce(&aspect.num, &aspect.den, std::int64_t{aspect.num} * inAperture.height,
+                                       std::int64_t{aspect.den} * inAperture.width, INT32_MAX) != 0;
+        if (!isExact)
+        {
+            RefuseOption(inAspect.option, inSource, inStream,
+                         fmt::format("the aspect of its pixels would be no ratio of 31-bit numbers for a picture of "
+                                     "{}x{}; write the aspect in smaller numbers",
+                                     inAperture.width, inAperture.height));
+        }
+    }
+    const std::int64_t width = av_rescale(inAperture.width, aspect.num, aspect.den);
+    if (width < 1 || width > kMaximumSize)
+    {
+        RefuseOption(
+            inAspect.option, inSource, inStream,
+            fmt::format("its picture would be shown {} pixels wide, and a track has 1 to {}", width, kMaximumSize));
+    }
+    return aspect;
+}
+
+void AddAperture(const CleanAperture& inAperture, QT::QTImageDescription& ioDescription)
+{
+    // The distances of the part's centre from the frame's, in halves of a pixel.
+    int right = 0;
+    int down = 0;
+    if (inAperture.position)
+    {
+        right = 2 * inAperture.position->first + inAperture.width - ioDescription.GetDescriptionWidth();
+        down = 2 * inAperture.position->second + inAperture.height - ioDescription.GetDescriptionHeight();
+    }
+    ioDescription.AddCleanAperture(static_cast<unsigned int>(inAperture.width), 1,
+                                   static_cast<unsigned int>(inAperture.height), 1, right, 2, down, 2);
+}
+
+//! A tag that is known for other media than the stream's would have readers decode them wrongly.
+void CheckTag(const MediaSource& inSource, const AVStream& inStream, const Chosen<Code>& inTag,
+              std::vector<std::string>& ioNotes)
+{
+    const AVCodecParameters& parameters = *inStream.codecpar;
+    const AVCodecTag* const tags[] = {avformat_get_mov_video_tags(), nullptr};
+    const AVCodecID codec = av_codec_get_id(tags, av_bswap32(inTag.value));
+    const bool isListed = std::any_of(kCodecs.begin(), kCodecs.end(), [&](const NamedCodec& inCodec) {
+        return inCodec.id == parameters.codec_id && inCodec.codec.code == inTag.value;
+    });
+    const auto isOfTag = [&inTag](const RawLayout& inLayout) { return inLayout.codec.code == inTag.value; };
+    const bool isOtherLayout = parameters.codec_id == AV_CODEC_ID_RAWVIDEO &&
+                               std::any_of(kRawLayouts.begin(), kRawLayouts.end(), isOfTag) &&
+                               std::none_of(kRawLayouts.begin(), kRawLayouts.end(), [&](const RawLayout& inLayout) {
+                                   return isOfTag(inLayout) && inLayout.pixels == parameters.format;
+                               });
+    if (isOtherLayout)
+    {
+        RefuseOption(inTag.option, inSource, inStream,
+                     fmt::format("the tag is for another layout of pixels than {}", PixelName(parameters)));
+    }
+    if (codec == AV_CODEC_ID_NONE && !isListed)
+    {
+        ioNotes.push_back(fmt::format("no codec is known for {}; readers may not find one", inTag.option));
+    }
+    else if (codec != parameters.codec_id && !isListed)
+    {
+        RefuseOption(inTag.option, inSource, inStream, fmt::format("the tag is for {}", avcodec_get_name(codec)));
+    }
+}
+
+//! What stands in the description beside shape, scanning and colour.
+void ApplyOptions(const VideoOptions& inOptions, QT::QTImageDescription& ioDescription)
+{
+    if (inOptions.gamma)
+    {
+        ioDescription.AddGamma(QT::kQTGamma22);
+    }
+    if (inOptions.vendor)
+    {
+        ioDescription.SetVendorFourCC(inOptions.vendor->value);
+    }
+    if (inOptions.codecName)
+    {
+        ioDescription.SetCodecName(Tolbin::string::UTF8to16(inOptions.codecName->value));
+    }
+    if (inOptions.padding)
+    {
+        ioDescription.SetExtraPaddingAmount(inOptions.padding->value);
+    }
+}
+
 } // namespace
 
-VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream)
+VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream, const VideoOptions& inOptions)
 {
     const AVCodecParameters& parameters = *ioStream.codecpar;
     const AVCodecDescriptor* descriptor = avcodec_descriptor_get(parameters.codec_id);
@@ -489,23 +607,43 @@ VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream)
     }
     int depth = 0;
     const AVRational frameRate = av_guess_frame_rate(&inSource.GetFormat(), &ioStream, nullptr);
-    const Codec codec = ChooseCodec(inSource, ioStream, frameRate, format, depth);
+    Codec codec = ChooseCodec(inSource, ioStream, frameRate, format, depth);
+    if (inOptions.codecTag)
+    {
+        CheckTag(inSource, ioStream, *inOptions.codecTag, format.notes);
+        codec = {inOptions.codecTag->value, NameOf(parameters.codec_id, inOptions.codecTag->value)};
+    }
 
     Quorlan::FieldType fieldType = Quorlan::kFieldTypeProgressive;
     int fieldDetail = 0;
     DescribeFields(parameters.field_order, fieldType, fieldDetail);
+    bool omitsField = parameters.field_order == AV_FIELD_UNKNOWN;
+    if (inOptions.field)
+    {
+        const FieldChoice field = inOptions.field->value;
+        fieldType = field == FieldChoice::kTopFirst      ? Quorlan::kFieldTypeUpperFirst
+                    : field == FieldChoice::kBottomFirst ? Quorlan::kFieldTypeLowerFirst
+                                                         : Quorlan::kFieldTypeProgressive;
+        fieldDetail = 0;
+        omitsField = field == FieldChoice::kOmit;
+    }
 
     AVRational aspect = av_guess_sample_aspect_ratio(&inSource.GetFormat(), &ioStream, nullptr);
     if (aspect.num <= 0 || aspect.den <= 0)
     {
         aspect = {1, 1};
     }
+    const CleanAperture aperture = ApertureOf(inSource, ioStream, inOptions.cleanAperture);
+    if (inOptions.aspect)
+    {
+        aspect = ChosenPixelAspect(inSource, ioStream, aperture, *inOptions.aspect);
+    }
     Tolbin::UTF16String name = Tolbin::string::AsciiToUTF16(codec.name);
     format.description = QT::CreateImageDescription(
         static_cast<int>(codec.code), name, parameters.width, parameters.height, depth, fieldType,
         {static_cast<std::uint32_t>(aspect.num), static_cast<std::uint32_t>(aspect.den)});
     AddExtensions(parameters, *format.description, format.notes);
-    if (parameters.field_order == AV_FIELD_UNKNOWN || fieldDetail != 0)
+    if (omitsField || fieldDetail != 0)
     {
         format.description->SetShouldOmitFieldExtension(true);
     }
@@ -514,19 +652,24 @@ VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream)
         std::uint8_t fields[] = {2, static_cast<std::uint8_t>(fieldDetail)};
         format.description->AddArbitraryImageDescriptionExtension(MakeCode("fiel"), fields, sizeof(fields));
     }
-    DescribeColour(parameters, *format.description, format.notes);
+    DescribeColour(parameters, *format.description, inOptions.colour, format.notes);
 
     const AVDictionaryEntry* vendor = av_dict_get(ioStream.metadata, "vendor_id", nullptr, 0);
     if (IsQuickTime(inSource) && vendor != nullptr && std::strlen(vendor->value) == 4)
     {
         format.description->SetVendorFourCC(AV_RB32(reinterpret_cast<const std::uint8_t*>(vendor->value)));
     }
-    format.trackWidth = parameters.width;
-    format.trackHeight = parameters.height;
+    format.trackWidth = aperture.width;
+    format.trackHeight = aperture.height;
+    ApplyOptions(inOptions, *format.description);
+    if (inOptions.cleanAperture)
+    {
+        AddAperture(aperture, *format.description);
+    }
     ApplyPixelAspect(aspect, format);
-    format.summary =
-        fmt::format("{} ('{}'), {}x{}", codec.name, CodeText(codec.code), parameters.width, parameters.height);
-    if (format.trackWidth != parameters.width)
+    format.summary = fmt::format("{} ('{}'), {}x{}", inOptions.codecName ? inOptions.codecName->value : codec.name,
+                                 CodeText(codec.code), parameters.width, parameters.height);
+    if (format.trackWidth != parameters.width || format.trackHeight != parameters.height)
     {
         format.summary += fmt::format(" shown as {}x{}", format.trackWidth, format.trackHeight);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "DescriptionOptions.h"
 #include "MediaSource.h"
 
 #include <Reelmill/QTSampleDescription.h>
@@ -27,7 +28,8 @@ struct VideoFormat
 };
 
 //! Refuses (RefuseStream) what the format cannot hold: inter-frame codecs, codecs and pixel layouts without a tag,
-//! sizes outside 1 to 65535.
-VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream);
+//! sizes outside 1 to 65535. What the options say counts more than what the input says; one that does not fit the
+//! stream is refused.
+VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream, const VideoOptions& inOptions);
 
 } // namespace Host

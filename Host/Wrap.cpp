@@ -4,6 +4,7 @@
 #include "Interrupt.h"
 #include "MovieWriter.h"
 #include "OutputFile.h"
+#include "SideTracks.h"
 #include "Track.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <fmt/format.h>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 namespace Host
@@ -21,6 +23,9 @@ namespace
 
 constexpr double kChunkSeconds = 0.5;
 
+//! Times that are this close are one, whatever their fractions were rounded to.
+constexpr double kSameSeconds = 1e-6;
+
 //! Samples of all tracks that may wait for those of others. An input that interleaves its streams more coarsely than
 //! this is written as it comes.
 constexpr std::size_t kQueueLimit = 256 * 1024 * 1024;
@@ -29,6 +34,7 @@ constexpr std::size_t kQueueLimit = 256 * 1024 * 1024;
 struct Output
 {
     std::unique_ptr<Track> track;
+    std::int64_t extraTrimIn = 0; //!< units that were asked for
     QT::TrackID id = 0;
     std::int64_t trimIn = 0; //!< units
     std::int64_t duration = 0;
@@ -52,15 +58,24 @@ struct Input
 class Wrapper
 {
 public:
-    Wrapper(const WrapOptions& inOptions, Progress& ioProgress) : mOptions(inOptions), mProgress(ioProgress) {}
+    Wrapper(const WrapOptions& inOptions, Progress& ioProgress)
+        : mOptions(inOptions), mProgress(ioProgress), mSides(inOptions.tracks)
+    {
+    }
 
     WrapSummary Run();
 
 private:
     void OpenInputs();
+    void CheckOptions() const;
+    void ChooseChunks();
+    void CheckMovieTimeScale() const;
+    bool HasChunk(const Track& inTrack) const;
     void Fill(double inEnd);
     void PlaceTracks(Input& ioInput);
     void PlaceTrack(const Input& inInput, Output& ioOutput);
+    std::vector<SideTracks::Media> ListMedia() const;
+    std::optional<double> GetExpectedEnd() const;
     void StartMovie(const std::filesystem::path& inPart);
     void WriteMedia();
     void WriteUpTo(Output& ioOutput, double inEnd);
@@ -80,42 +95,147 @@ private:
 
     const WrapOptions& mOptions;
     Progress& mProgress;
+    SideTracks mSides;
     std::vector<Input> mInputs;
     std::unique_ptr<MovieWriter> mWriter;
     int mMovieTimeScale = 0;
+    ChunkLength mChunk;
+    double mWindow = 0;  //!< Seconds of all tracks that are written in one go.
     double mSeconds = 0; //!< Length of what has been written.
     std::uint64_t mBytes = 0;
 };
+
+//! The tracks that a stream becomes.
+std::vector<std::unique_ptr<Track>> MakeTracks(const MediaSource& inSource, AVStream& ioStream,
+                                               const DescriptionOptions& inOptions)
+{
+    std::vector<std::unique_ptr<Track>> tracks;
+    if (ioStream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+    {
+        tracks.push_back(std::make_unique<VideoTrack>(inSource, ioStream, inOptions.video));
+        return tracks;
+    }
+    const AudioLabels* labels = inOptions.FindLabels(inSource.GetPath());
+    if (!inOptions.splitAudio)
+    {
+        tracks.push_back(std::make_unique<SoundTrack>(inSource, ioStream, labels, std::nullopt));
+        return tracks;
+    }
+    const int channels = std::max(1, ioStream.codecpar->ch_layout.nb_channels); // The first track refuses none.
+    for (int channel = 0; channel < channels; ++channel)
+    {
+        tracks.push_back(std::make_unique<SoundTrack>(inSource, ioStream, labels, channel));
+    }
+    return tracks;
+}
 
 void Wrapper::OpenInputs()
 {
     for (const std::string& path : mOptions.inputs)
     {
         Input input;
-        input.source = std::make_unique<MediaSource>(path, MediaSource::IsImageSequence(path) ? mOptions.frameRate
-                                                                                              : AVRational{0, 1});
+        const AudioLabels* labels = mOptions.descriptions.FindLabels(path);
+        input.source = std::make_unique<MediaSource>(
+            path, MediaSource::IsImageSequence(path) ? mOptions.frameRate : AVRational{0, 1},
+            labels != nullptr && labels->isAudioOnly);
         for (AVStream* stream : input.source->GetStreams())
         {
-            Output output;
-            if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            for (std::unique_ptr<Track>& track : MakeTracks(*input.source, *stream, mOptions.descriptions))
             {
-                output.track = std::make_unique<VideoTrack>(*input.source, *stream);
+                Output output;
+                output.track = std::move(track);
+                const double seconds = input.source->GetExpectedSeconds();
+                if (seconds * output.track->GetTimeScale() > static_cast<double>(kMaximumDuration))
+                {
+                    RefuseStream(*input.source, *stream,
+                                 fmt::format("it lasts {}, and a track of 1/{} s units holds {}",
+                                             FormatSeconds(seconds), output.track->GetTimeScale(),
+                                             FormatSeconds(output.SecondsOf(kMaximumDuration))));
+                }
+                input.outputs.push_back(std::move(output));
             }
-            else
-            {
-                output.track = std::make_unique<SoundTrack>(*input.source, *stream);
-            }
-            const double seconds = input.source->GetExpectedSeconds();
-            if (seconds * output.track->GetTimeScale() > static_cast<double>(kMaximumDuration))
-            {
-                RefuseStream(*input.source, *stream,
-                             fmt::format("it lasts {}, and a track of 1/{} s units holds {}", FormatSeconds(seconds),
-                                         output.track->GetTimeScale(),
-                                         FormatSeconds(output.SecondsOf(kMaximumDuration))));
-            }
-            input.outputs.push_back(std::move(output));
         }
         mInputs.push_back(std::move(input));
+    }
+}
+
+//! Options that fit none of the inputs.
+void Wrapper::CheckOptions() const
+{
+    const DescriptionOptions& options = mOptions.descriptions;
+    bool hasVideo = false;
+    bool hasAudio = false;
+    for (const Input& input : mInputs)
+    {
+        const auto isVideo = [](const Output& inOutput) {
+            return inOutput.track->GetMediaType() == QT::kQTMediaTypeVideo;
+        };
+        const bool hasOwnAudio = !std::all_of(input.outputs.begin(), input.outputs.end(), isVideo);
+        const AudioLabels* labels = options.FindLabels(input.source->GetPath());
+        if (labels != nullptr && !hasOwnAudio)
+        {
+            throw CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit \"{}\": it has no audio",
+                                                                    labels->option, input.source->GetPath()));
+        }
+        hasVideo = hasVideo || std::any_of(input.outputs.begin(), input.outputs.end(), isVideo);
+        hasAudio = hasAudio || hasOwnAudio;
+    }
+    const bool countsFrames = options.chunk && options.chunk->value.frames > 0;
+    const std::string forVideo = countsFrames ? options.chunk->option : options.video.GetAny();
+    const std::string lonely = !hasVideo && !forVideo.empty()    ? forVideo
+                               : !hasAudio && options.splitAudio ? "--split-audio"
+                                                                 : "";
+    if (!lonely.empty())
+    {
+        std::string names;
+        for (const std::string& input : mOptions.inputs)
+        {
+            names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", input);
+        }
+        throw CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit {}: there is no {}", lonely, names,
+                                                                hasVideo ? "audio" : "video"));
+    }
+}
+
+void Wrapper::ChooseChunks()
+{
+    constexpr double kMinimumWindow = 1e-3;
+    constexpr double kMaximumWindow = 3600;
+    mChunk = mOptions.descriptions.chunk ? mOptions.descriptions.chunk->value : ChunkLength{kChunkSeconds, 0, 0};
+    mWindow = mChunk.seconds > 0 ? mChunk.seconds : kChunkSeconds;
+    double rate = 0; // of the first video track
+    for (const Input& input : mInputs)
+    {
+        for (const Output& output : input.outputs)
+        {
+            const bool isFirst = rate <= 0 && output.track->GetMediaType() == QT::kQTMediaTypeVideo;
+            const AVRational found =
+                isFirst ? av_guess_frame_rate(&input.source->GetFormat(), &output.track->GetStream(), nullptr)
+                        : AVRational{0, 1};
+            rate = found.num > 0 && found.den > 0 ? av_q2d(found) : rate;
+        }
+    }
+    if (mChunk.frames > 0 && rate > 0)
+    {
+        mWindow = std::clamp(static_cast<double>(mChunk.frames) / rate, kMinimumWindow, kMaximumWindow);
+    }
+}
+
+void Wrapper::CheckMovieTimeScale() const
+{
+    const Choice<int>& choice = mOptions.descriptions.movieTimeScale;
+    for (const Input& input : mInputs)
+    {
+        for (const Output& output : input.outputs)
+        {
+            const double end = output.SecondsOf(output.trimIn) + input.source->GetExpectedSeconds();
+            if (choice && end * choice->value > static_cast<double>(kMaximumDuration))
+            {
+                RefuseOption(choice->option, *input.source, output.track->GetStream(),
+                             fmt::format("it ends at {}, and such a movie holds {}", FormatSeconds(end),
+                                         FormatSeconds(static_cast<double>(kMaximumDuration) / choice->value)));
+            }
+        }
     }
 }
 
@@ -172,14 +292,23 @@ void Wrapper::Fill(double inEnd)
                 break;
             }
             const int index = packet->stream_index;
-            const auto output =
-                std::find_if(input.outputs.begin(), input.outputs.end(),
-                             [index](const Output& inOutput) { return inOutput.track->GetStream().index == index; });
-            const bool hadStarted = output->track->HasStarted(); // The source gives packets of its tracks only.
-            output->track->Push(std::move(packet));
-            if (!hadStarted && output->track->HasStarted() && input.start)
+            for (Output& output : input.outputs)
             {
-                PlaceTrack(input, *output);
+                if (output.track->GetStream().index != index)
+                {
+                    continue;
+                }
+                const bool hadStarted = output.track->HasStarted();
+                PacketPtr reference(av_packet_clone(packet.get())); // The tracks of a stream share its data.
+                if (reference == nullptr)
+                {
+                    throw std::bad_alloc();
+                }
+                output.track->Push(std::move(reference));
+                if (!hadStarted && output.track->HasStarted() && input.start)
+                {
+                    PlaceTrack(input, output);
+                }
             }
         }
     }
@@ -228,6 +357,7 @@ void Wrapper::PlaceTrack(const Input& inInput, Output& ioOutput)
         RefuseStream(track.GetSource(), track.GetStream(),
                      "it starts before the other streams of its input, but only far behind them in the file");
     }
+    ioOutput.trimIn += ioOutput.extraTrimIn;
     if (ioOutput.trimIn > kMaximumDuration)
     {
         RefuseStream(track.GetSource(), track.GetStream(), "it starts later than a track can say");
@@ -236,6 +366,50 @@ void Wrapper::PlaceTrack(const Input& inInput, Output& ioOutput)
     {
         mWriter->SetTrimIn(ioOutput.id, static_cast<int>(ioOutput.trimIn));
     }
+}
+
+std::vector<SideTracks::Media> Wrapper::ListMedia() const
+{
+    std::vector<SideTracks::Media> media;
+    for (const Input& input : mInputs)
+    {
+        for (const Output& output : input.outputs)
+        {
+            media.push_back({output.track.get(), output.id, output.trimIn, output.duration,
+                             static_cast<double>(input.start.value_or(0))});
+        }
+    }
+    return media;
+}
+
+//! Length of the movie in seconds; none when an input does not state its own.
+std::optional<double> Wrapper::GetExpectedEnd() const
+{
+    double end = 0;
+    for (const Input& input : mInputs)
+    {
+        const double seconds = input.source->GetExpectedSeconds();
+        if (seconds <= 0)
+        {
+            return std::nullopt;
+        }
+        for (const Output& output : input.outputs)
+        {
+            const AVStream& stream = output.track->GetStream();
+            const bool isStated = stream.duration != AV_NOPTS_VALUE && stream.duration > 0;
+            // Without lengths of streams an input's own is that of its last packet's start, but for Matroska's.
+            if (!isStated && std::string_view(input.source->GetFormat().iformat->name).find("matroska") != 0)
+            {
+                return std::nullopt;
+            }
+            const double own = isStated && output.track->HasStarted()
+                                   ? output.SecondsOf(output.trimIn - output.extraTrimIn) +
+                                         static_cast<double>(stream.duration) * av_q2d(stream.time_base)
+                                   : seconds;
+            end = std::max(end, output.SecondsOf(output.extraTrimIn) + std::min(own, seconds));
+        }
+    }
+    return end;
 }
 
 void Wrapper::StartMovie(const std::filesystem::path& inPart)
@@ -261,7 +435,9 @@ void Wrapper::StartMovie(const std::filesystem::path& inPart)
             maximum = std::max(maximum, output.SecondsOf(output.trimIn) + most);
         }
     }
-    mMovieTimeScale = ChooseMovieTimeScale(videoTimeScales, soundTimeScales, isMaximumKnown ? maximum : 0);
+    const Choice<int>& timeScale = mOptions.descriptions.movieTimeScale;
+    mMovieTimeScale = timeScale ? timeScale->value
+                                : ChooseMovieTimeScale(videoTimeScales, soundTimeScales, isMaximumKnown ? maximum : 0);
     mProgress.SetExpectedSeconds(isExpectedKnown ? expected : 0);
 
     mWriter = std::make_unique<MovieWriter>(inPart, mOptions.output, mMovieTimeScale);
@@ -300,36 +476,61 @@ void Wrapper::WriteSample(Output& ioOutput, const Sample& inSample)
     }
     ioOutput.duration += duration;
     ioOutput.samples += inSample.count;
+    mSides.TakeFrame(track, duration, ioOutput.duration);
     ioOutput.bytes += static_cast<std::uint64_t>(inSample.size);
     mBytes += static_cast<std::uint64_t>(inSample.size);
     mSeconds = std::max(mSeconds, ioOutput.MovieSecondsOf(ioOutput.duration));
 }
 
-//! Writes one chunk of a track: all that is ready and starts before `inEnd`.
+//! Whether what is ready of a track fills a chunk, or no more of it can wait.
+bool Wrapper::HasChunk(const Track& inTrack) const
+{
+    const bool isVideo = inTrack.GetMediaType() == QT::kQTMediaTypeVideo;
+    const bool isFull =
+        inTrack.GetReadySize() >= mChunk.bytes && (!isVideo || inTrack.GetReadyCount() >= mChunk.frames);
+    return inTrack.GetReady() != nullptr && (isFull || inTrack.IsFinished() || GetQueuedSize() >= kQueueLimit);
+}
+
+//! Writes what is ready of a track: one chunk of all that starts before `inEnd`, or full chunks that start before it.
 void Wrapper::WriteUpTo(Output& ioOutput, double inEnd)
 {
     Track& track = *ioOutput.track;
-    bool hasWritten = false;
-    for (const Sample* sample = track.GetReady(); sample != nullptr && ioOutput.MovieSecondsOf(sample->start) < inEnd;
-         sample = track.GetReady())
+    const std::size_t maximumCount = track.GetMediaType() == QT::kQTMediaTypeVideo ? mChunk.frames : 0;
+    const bool endsByTime = mChunk.bytes == 0 && maximumCount == 0;
+    const auto isBefore = [&](const Sample& inSample) {
+        return ioOutput.MovieSecondsOf(inSample.start) < inEnd - kSameSeconds;
+    };
+    while (HasChunk(track) && isBefore(*track.GetReady()))
     {
-        ThrowIfStopRequested();
-        WriteSample(ioOutput, *sample);
-        track.DropReady();
-        hasWritten = true;
-    }
-    if (hasWritten)
-    {
+        std::size_t count = 0;
+        std::size_t size = 0;
+        for (const Sample* sample = track.GetReady(); sample != nullptr; sample = track.GetReady())
+        {
+            const auto sampleSize = static_cast<std::size_t>(sample->size);
+            const bool isTooMuch = endsByTime ? !isBefore(*sample)
+                                              : (mChunk.bytes > 0 && size + sampleSize > mChunk.bytes) ||
+                                                    (maximumCount > 0 && count == maximumCount);
+            if (count > 0 && isTooMuch)
+            {
+                break;
+            }
+            ThrowIfStopRequested();
+            WriteSample(ioOutput, *sample);
+            track.DropReady();
+            ++count;
+            size += sampleSize;
+        }
         mWriter->EndChunk(ioOutput.id);
     }
 }
 
 void Wrapper::WriteMedia()
 {
-    double end = kChunkSeconds;
+    double end = mWindow;
     for (;;)
     {
         ForEachOutput([this, end](Output& ioOutput) { WriteUpTo(ioOutput, end); });
+        mSides.WriteUpTo(*mWriter, end);
         mProgress.Update(std::chrono::steady_clock::now(), mSeconds, mBytes);
         const bool isEnded =
             std::all_of(mInputs.begin(), mInputs.end(), [](const Input& inInput) { return inInput.isEnded; });
@@ -339,10 +540,10 @@ void Wrapper::WriteMedia()
             return;
         }
         // A stretch without media is passed over at once.
-        end += kChunkSeconds;
+        end += mWindow;
         if (oldest)
         {
-            end = std::max(end, (std::floor(*oldest / kChunkSeconds) + 1) * kChunkSeconds);
+            end = std::max(end, (std::floor(*oldest / mWindow) + 1) * mWindow);
         }
         Fill(end);
     }
@@ -400,6 +601,17 @@ WrapSummary Wrapper::Summarise(const MovieLayout& inLayout) const
                                                 FormatSeconds(reached)));
         }
     }
+    mSides.Summarise(summary);
+    // The tracks of one stream say the same.
+    std::vector<std::string> notes;
+    for (std::string& note : summary.notes)
+    {
+        if (std::find(notes.begin(), notes.end(), note) == notes.end())
+        {
+            notes.push_back(std::move(note));
+        }
+    }
+    summary.notes = std::move(notes);
     return summary;
 }
 
@@ -411,21 +623,37 @@ WrapSummary Wrapper::Run()
         const std::vector<std::string> some = MediaSource::FilesOf(input);
         files.insert(files.end(), some.begin(), some.end());
     }
+    const std::vector<std::string> sideFiles = mSides.GetFiles();
+    files.insert(files.end(), sideFiles.begin(), sideFiles.end());
     OutputFile output(mOptions.output, mOptions.overwrite, files);
     OpenInputs();
-    Fill(kChunkSeconds);
+    int number = 0;
+    ForEachOutput([this, &number](Output& ioOutput) {
+        ioOutput.extraTrimIn = mSides.GetTrimIn(++number, ioOutput.track->GetTimeScale());
+    });
+    CheckOptions();
+    ChooseChunks();
+    Fill(mWindow);
     if (!GetOldestSeconds())
     {
         throw CommandError(ExitCode::kInputRefused,
                            "the inputs hold no video or audio packets, so there is no movie to write");
     }
     std::for_each(mInputs.begin(), mInputs.end(), [this](Input& ioInput) { PlaceTracks(ioInput); });
+    CheckMovieTimeScale();
+    mSides.Fit(ListMedia(), GetExpectedEnd());
     const std::filesystem::path& part = output.CreatePart();
     StartMovie(part);
+    mSides.Start(*mWriter, ListMedia());
     WriteMedia();
+    mSides.Finish(*mWriter, ListMedia(), mSeconds);
     mWriter->Close();
     const MovieLayout layout = ReadMovieLayout(part);
     WrapSummary summary = Summarise(layout);
+    if (const std::optional<std::string> note = NoteOnBlockSize(mOptions.descriptions.blockSize, part))
+    {
+        summary.notes.push_back(*note);
+    }
     output.Commit();
     return summary;
 }

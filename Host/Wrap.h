@@ -1,8 +1,10 @@
 #pragma once
 
+#include "DescriptionOptions.h"
 #include "LibAV.h"
 #include "MovieLayout.h"
 #include "Progress.h"
+#include "TrackOptions.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -18,13 +20,15 @@ struct WrapOptions
     std::filesystem::path output;
     bool overwrite = false;
     AVRational frameRate = {0, 1}; //!< of image sequences
+    DescriptionOptions descriptions;
+    TrackOptions tracks;
 };
 
 struct WrapSummary
 {
     struct Track
     {
-        std::string kind;   //!< "video" or "sound"
+        std::string kind;   //!< "video", "sound", "timecode", "chapters", "text" or "captions"
         std::string format; //!< for people
         std::int64_t samples = 0;
         std::uint64_t bytes = 0;

@@ -7,12 +7,12 @@ buildPackages=(
     cmake g++ ninja-build pkg-config
     libboost-dev libboost-system-dev
     libavformat-dev libavcodec-dev libavutil-dev
-    libcli11-dev libfmt-dev
+    libcli11-dev libfmt-dev nlohmann-json3-dev
 )
 # GoogleTest and the readers that look at what the library wrote. clang builds the consumer of the installed library.
 testPackages=(
-    libgtest-dev libgmock-dev nlohmann-json3-dev python3 clang
-    ffmpeg mediainfo libimage-exiftool-perl quicktime-utils
+    libgtest-dev libgmock-dev python3 clang
+    ffmpeg mediainfo libimage-exiftool-perl quicktime-utils chromium fonts-dejavu-core
     gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
 )
 showPackages=(ffmpeg)
