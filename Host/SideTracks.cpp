@@ -173,11 +173,11 @@ void SideTracks::FitTimecode(const std::vector<Media>& inMedia)
     const bool isExact = units % track.rate.num == 0;
     track.side.timeScale = isExact ? video.GetTimeScale() : track.rate.num;
     track.frameDuration = isExact ? static_cast<int>(units / track.rate.num) : track.rate.den;
-    for (std::size_t index = 0; index < inMedia.size(); ++index)
+    for (const auto& media : inMedia)
     {
-        const Track& other = *inMedia[index].track;
-        const char* own = IsVideo(inMedia[index]) && !mOptions.timecode ? TimecodeTag(other) : nullptr;
-        if (IsVideo(inMedia[index]) && av_cmp_q(other.GetFrameRate(), track.rate) != 0)
+        const Track& other = *media.track;
+        const char* own = IsVideo(media) && !mOptions.timecode ? TimecodeTag(other) : nullptr;
+        if (IsVideo(media) && av_cmp_q(other.GetFrameRate(), track.rate) != 0)
         {
             mNotes.push_back(fmt::format("{} does not refer to the timecode track, whose frame rate is another",
                                          DescribeStream(other.GetSource(), other.GetStream())));
@@ -212,7 +212,7 @@ void SideTracks::FitChapters(const std::vector<Media>& inMedia)
         }
         if (taken != nullptr)
         {
-            mNotes.push_back(fmt::format("the chapters of \"{}\" are left out: the movie has those of \"{}\"",
+            mNotes.push_back(fmt::format(R"(the chapters of "{}" are left out: the movie has those of "{}")",
                                          source.GetPath(), taken->GetPath()));
             continue;
         }

@@ -362,7 +362,6 @@ void MovieFile::ReadEdits(const Atom& inAtom, Track& outTrack)
     {
         return;
     }
-    outTrack.hasEdits = true;
     const std::vector<std::uint8_t> first = mTree.ReadFront(*list, 1);
     ByteReader front(first);
     const std::uint8_t version = ReadVersion(front, *list, outTrack.id);
@@ -612,7 +611,6 @@ void MovieFile::ReadSampleTable(const Atom& inAtom, Track& outTrack)
     }
     if (const Atom* atom = inAtom.Find(FourCC("stss")))
     {
-        outTrack.hasSyncSamples = true;
         ReadTable<std::uint32_t>(*atom, 4, outTrack.id, outTrack.syncSamples,
                                  [](ByteReader& ioReader) { return ioReader.U32(); });
     }

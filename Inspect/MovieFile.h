@@ -171,15 +171,14 @@ struct Track
     double width = 0;           //!< Pixels.
     double height = 0;
     std::uint32_t mediaTimeScale = 0;
-    std::uint64_t mediaDuration = 0; //!< Media units.
     std::uint32_t handlerType = 0;   //!< 'vide', 'soun', ...
+    std::uint64_t mediaDuration = 0; //!< Media units.
     std::string handlerName;
     std::vector<DataReference> dataReferences;
-    std::uint32_t statedDataReferenceCount = 0; //!< As 'dref' says.
     std::vector<SampleEntry> entries;
-    std::uint32_t statedEntryCount = 0; //!< As 'stsd' says.
+    std::uint32_t statedDataReferenceCount = 0; //!< As 'dref' says.
+    std::uint32_t statedEntryCount = 0;         //!< As 'stsd' says.
     std::vector<Edit> edits;
-    bool hasEdits = false;
     std::map<std::uint32_t, std::vector<std::uint32_t>> references; //!< Track IDs by type.
     std::optional<Apertures> apertures;
     std::vector<MetadataItem> metadata;
@@ -187,14 +186,13 @@ struct Track
     std::vector<TimeToSample> timeToSample;
     std::vector<SampleToChunk> sampleToChunk;
     std::vector<std::uint64_t> chunkOffsets;
-    bool has64BitOffsets = false;
-    std::uint32_t uniformSampleSize = 0; //!< Bytes; 0 when the sizes are listed.
-    std::uint32_t sampleCount = 0;       //!< As 'stsz' says.
     std::vector<std::uint32_t> sampleSizes;
+    std::vector<std::uint32_t> syncSamples; //!< From 1.
+    std::uint32_t uniformSampleSize = 0;    //!< Bytes; 0 when the sizes are listed.
+    std::uint32_t sampleCount = 0;          //!< As 'stsz' says.
     std::uint64_t compositionCount = 0;     //!< Samples that 'ctts' counts.
     std::uint32_t maxCompositionOffset = 0; //!< Of 'ctts', in media units: how far display may run behind decoding.
-    std::vector<std::uint32_t> syncSamples; //!< From 1.
-    bool hasSyncSamples = false;
+    bool has64BitOffsets = false;
 
     //! Bytes of a sample. Sound whose 'stsz' says 1 takes them from its description; they are 0 for a frame that is
     //! part of a packet.
