@@ -13,8 +13,8 @@ namespace Inspect
 namespace
 {
 
-constexpr std::size_t kMaxTextSize = 2 + 0xFFFF; //!< A text sample's length field has 16 bits.
-constexpr std::size_t kMaxTextTotal = 16u << 20; //!< Samples may all name the same bytes.
+constexpr std::uint64_t kMaxTextSize = 2 + 0xFFFF; //!< A text sample's length field has 16 bits.
+constexpr std::size_t kMaxTextTotal = 16u << 20;   //!< Samples may all name the same bytes.
 
 double Seconds(const Track& inTrack, std::uint64_t inTime)
 {
@@ -90,12 +90,14 @@ std::vector<TextSample> ReadTexts(const MovieFile& inMovie, const Track& inTrack
 {
     std::vector<TextSample> texts;
     std::size_t total = 0;
+    const std::uint64_t fileSize = inMovie.GetSource().GetSize();
     inTrack.VisitSamples([&](const Sample& inSample) {
         if (texts.size() == inLimit || total > kMaxTextTotal)
         {
             return false;
         }
-        std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(inSample.size, kMaxTextSize));
+        const std::uint64_t available = fileSize - std::min(fileSize, inSample.offset);
+        std::vector<std::uint8_t> bytes(std::min({inSample.size, kMaxTextSize, available}));
         bytes.resize(inMovie.GetSource().Read(inSample.offset, bytes));
         total += bytes.size();
         ByteReader reader(bytes);

@@ -918,9 +918,17 @@ private:
         {
             const VideoFormat& video = *inTrack.entries.front().video;
             const auto [across, down] = video.pixelAspect.value_or(std::array<std::uint32_t, 2>{1, 1});
-            const double square = down != 0 ? static_cast<double>(video.width) * across / down : video.width;
-            CheckAperture(inTrack, *atom, "encoded", *inTrack.apertures->encoded, video.width, video.height);
-            CheckAperture(inTrack, *atom, "production", *inTrack.apertures->production, square, video.height);
+            const double stretch = down != 0 ? static_cast<double>(across) / down : 1;
+            const Apertures& apertures = *inTrack.apertures;
+            CheckAperture(inTrack, *atom, "encoded", *apertures.encoded, video.width, video.height);
+            CheckAperture(inTrack, *atom, "production", *apertures.production, video.width * stretch, video.height);
+            if (video.cleanAperture && video.cleanAperture->widthD != 0 && video.cleanAperture->heightD != 0)
+            {
+                const CleanAperture& clean = *video.cleanAperture;
+                CheckAperture(inTrack, *atom, "clean", *apertures.clean,
+                              static_cast<double>(clean.widthN) / clean.widthD * stretch,
+                              static_cast<double>(clean.heightN) / clean.heightD);
+            }
         }
     }
 

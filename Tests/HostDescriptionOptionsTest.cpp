@@ -1,7 +1,7 @@
+#include "Support/HostRun.h"
 #include "Support/TempDirectory.h"
 #include "Support/VolumeFileSystem.h"
 
-#include <Host/Command.h>
 #include <Host/DescriptionOptions.h>
 #include <Tolbin/Debug.h>
 
@@ -20,24 +20,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-
-struct Outcome
-{
-    int code;
-    std::string out;
-    std::string err;
-};
-
-Outcome RunHost(const std::vector<std::string>& inArguments)
-{
-    std::vector<const char*> arguments = {"reelmill"};
-    std::transform(inArguments.begin(), inArguments.end(), std::back_inserter(arguments),
-                   [](const std::string& inArgument) { return inArgument.c_str(); });
-    std::ostringstream out;
-    std::ostringstream err;
-    const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {code, out.str(), err.str()};
-}
 
 //! What the format has for a label's short name.
 struct LabelCase
@@ -72,12 +54,9 @@ protected:
 
     std::string Path(const std::string& inName) const { return mFolder.Path(inName); }
 
-    //! The ffmpeg program makes the inputs.
     void Make(const std::string& inName, const std::string& inOptions)
     {
-        const std::string command =
-            "ffmpeg -hide_banner -nostdin -v error -y " + inOptions + " 'file:" + Path(inName) + "'";
-        ASSERT_EQ(0, std::system(command.c_str())) << command;
+        MakeMedia(inOptions, "file:" + Path(inName)); // Names may hold a colon.
     }
 
     Outcome RunWrap(std::vector<std::string> inArguments) const

@@ -1,7 +1,7 @@
+#include "Support/HostRun.h"
 #include "Support/TempDirectory.h"
 
 #include <Host/ChapterFile.h>
-#include <Host/Command.h>
 #include <Host/CommandError.h>
 #include <Host/MetadataOption.h>
 #include <Host/SccFile.h>
@@ -21,24 +21,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-struct Outcome
-{
-    int code;
-    std::string out;
-    std::string err;
-};
-
-Outcome RunHost(const std::vector<std::string>& inArguments)
-{
-    std::vector<const char*> arguments = {"reelmill"};
-    std::transform(inArguments.begin(), inArguments.end(), std::back_inserter(arguments),
-                   [](const std::string& inArgument) { return inArgument.c_str(); });
-    std::ostringstream out;
-    std::ostringstream err;
-    const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {code, out.str(), err.str()};
-}
-
 const std::string kScc = "Scenarist_SCC V1.0\n\n";
 
 class HostTracksTest : public testing::Test
@@ -54,8 +36,7 @@ protected:
 
     std::string Make(const std::string& inName, const std::string& inOptions) const
     {
-        const std::string command = "ffmpeg -hide_banner -nostdin -v error -y " + inOptions + " '" + Path(inName) + "'";
-        EXPECT_EQ(0, std::system(command.c_str())) << command;
+        MakeMedia(inOptions, Path(inName));
         return Path(inName);
     }
 

@@ -1,7 +1,7 @@
 #include "Support/FailingFileSystem.h"
+#include "Support/HostRun.h"
 #include "Support/TempDirectory.h"
 
-#include <Host/Command.h>
 #include <Host/CommandError.h>
 #include <Host/MovieLayout.h>
 #include <Host/MovieWriter.h>
@@ -25,31 +25,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-
-struct Outcome
-{
-    int code;
-    std::string out;
-    std::string err;
-};
-
-Outcome RunHost(const std::vector<std::string>& inArguments)
-{
-    std::vector<const char*> arguments = {"reelmill"};
-    std::transform(inArguments.begin(), inArguments.end(), std::back_inserter(arguments),
-                   [](const std::string& inArgument) { return inArgument.c_str(); });
-    std::ostringstream out;
-    std::ostringstream err;
-    const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {code, out.str(), err.str()};
-}
-
-//! The ffmpeg program makes the inputs. A part may be anything that a shell takes.
-void MakeMedia(const std::string& inOptions, const std::string& inPath)
-{
-    const std::string command = "ffmpeg -hide_banner -nostdin -v error -y " + inOptions + " '" + inPath + "'";
-    ASSERT_EQ(0, std::system(command.c_str())) << command;
-}
 
 const std::string kPicture = "-f lavfi -i testsrc2=s=64x48:r=25:d=1 ";
 const std::string kTone = "-f lavfi -i sine=r=48000:d=1 ";

@@ -394,6 +394,7 @@ const std::vector<Fault>& Faults()
         {"a generic header without text", "generic-header", kError, Remove(kText, "gmhd", "text")},
         {"an aperture that is missing", "aperture", kWarning, Remove(kVideo, "tapt", "clef")},
         {"another encoded size", "aperture", kWarning, Put(kVideo, "enof", 4, 640 << 16)},
+        {"another clean size", "aperture", kWarning, Put(kVideo, "clef", 4, 700 << 16)},
         {"another production size", "aperture", kWarning, Put(kVideo, "prof", 4, 720 << 16)},
 
         // Edits and references.
@@ -1017,6 +1018,32 @@ TEST_F(InspectHostile, CountsOfBillionsOfSamplesCostNothing)
     EXPECT_TRUE(findings.HasErrors());
     EXPECT_EQ(Inspect::DescribeMovie(file)["tracks"][0]["samples"], 0xFFFFFFFF);
     EXPECT_LT(PeakMemory() - before, 64u << 20);
+}
+
+TEST_F(InspectHostile, TextsThatShareTheirBytesStayFew)
+{
+    EditableMovie movie = Good();
+    constexpr std::uint32_t kChunks = 5000;
+    movie.TopLevel("mdat").fields.assign(100000, 'x');
+    EditableAtom& table = movie.Track(kText)["stbl"];
+    table["stsz"].fields = Words({0, 60000, kChunks});
+    table["stco"].fields = Words({0, kChunks});
+    for (std::uint32_t i = 0; i < kChunks; ++i)
+    {
+        const std::vector<std::uint8_t> offset = Words({40});
+        table["stco"].fields.insert(table["stco"].fields.end(), offset.begin(), offset.end());
+    }
+    const std::vector<std::uint8_t> bytes = movie.Bytes();
+    const Inspect::MemorySource source(bytes);
+    Inspect::Findings findings;
+    const Inspect::MovieFile file(source, findings);
+    std::size_t total = 0;
+    for (const Inspect::TextSample& text : Inspect::ReadTexts(file, file.GetTracks()[kText], kChunks))
+    {
+        total += text.text.size();
+    }
+    EXPECT_GT(total, 1u << 20);
+    EXPECT_LT(total, 20u << 20);
 }
 
 TEST_F(InspectHostile, SparseTablesAreNotReadBeyondALimit)

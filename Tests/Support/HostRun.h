@@ -1,0 +1,39 @@
+#pragma once
+
+#include <Host/Command.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+//! What a run of the `reelmill` command came to.
+struct Outcome
+{
+    int code;
+    std::string out;
+    std::string err;
+};
+
+//! Runs the command in this process.
+inline Outcome RunHost(const std::vector<std::string>& inArguments)
+{
+    std::vector<const char*> arguments = {"reelmill"};
+    std::transform(inArguments.begin(), inArguments.end(), std::back_inserter(arguments),
+                   [](const std::string& inArgument) { return inArgument.c_str(); });
+    std::ostringstream out;
+    std::ostringstream err;
+    const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
+    return {code, out.str(), err.str()};
+}
+
+//! Lets the ffmpeg program make a file. The options may be anything that a shell takes.
+inline void MakeMedia(const std::string& inOptions, const std::string& inPath)
+{
+    const std::string command = "ffmpeg -hide_banner -nostdin -v error -y " + inOptions + " '" + inPath + "'";
+    ASSERT_EQ(0, std::system(command.c_str())) << command;
+}
