@@ -241,9 +241,10 @@ private:
             const double begin = static_cast<double>(placed.chunk.offset) / cellBytes;
             const double end =
                 std::min<double>(kColumns, static_cast<double>(placed.chunk.offset + placed.chunk.size) / cellBytes);
-            for (double cell = std::floor(begin); cell < end; ++cell)
+            for (auto cell = static_cast<std::size_t>(begin); static_cast<double>(cell) < end; ++cell)
             {
-                share[placed.track][static_cast<std::size_t>(cell)] += std::min(end, cell + 1) - std::max(begin, cell);
+                const auto cellBegin = static_cast<double>(cell);
+                share[placed.track][cell] += std::min(end, cellBegin + 1) - std::max(begin, cellBegin);
             }
         }
         for (std::size_t track = 0; track < tracks.size(); ++track)
@@ -325,7 +326,7 @@ private:
             std::string points;
             for (const auto& [column, size] : columns)
             {
-                fmt::format_to(std::back_inserter(points), "<circle cx=\"{:.2f}\" cy=\"{:.2f}\" r=\"1.7\"/>",
+                fmt::format_to(std::back_inserter(points), R"(<circle cx="{:.2f}" cy="{:.2f}" r="1.7"/>)",
                                kLeft + kPlotWidth * (column + 0.5) / kColumns,
                                mY + kHeight - kHeight * std::log2(1 + static_cast<double>(size)) / scale);
             }
