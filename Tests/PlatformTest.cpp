@@ -254,12 +254,40 @@ TEST(File, OperationsOnAClosedFileFail)
     long long value = 0;
     EXPECT_EQ(file.Write("x", 1, written), SystemError(EBADF));
     EXPECT_EQ(written, 0u);
+    char byte = 0;
+    EXPECT_EQ(file.Read(&byte, 1, written), SystemError(EBADF));
+    EXPECT_EQ(file.SetSize(0), SystemError(EBADF));
     EXPECT_EQ(file.SetFilePointer(0, kBegin), SystemError(EBADF));
     EXPECT_EQ(file.GetFilePointer(value), SystemError(EBADF));
     EXPECT_EQ(file.GetSize(value), SystemError(EBADF));
     EXPECT_EQ(file.Sync(), SystemError(EBADF));
     EXPECT_EQ(file.Close(), SystemError(EBADF));
     EXPECT_EQ(file.GetFileSystemType(), Ventra::FileSystemType::kLocal);
+}
+
+TEST(File, IsReadCutAndRemoved)
+{
+    const TempDirectory directory;
+    const UTF16String path = directory.Path16("file");
+    File file;
+    unsigned int count = 0;
+    ASSERT_EQ(Open(file, path, Ventra::FileCreateDispositionFlags::kCreateNew), 0);
+    ASSERT_EQ(file.Write("0123456789", 10, count), 0);
+    EXPECT_EQ(file.SetSize(6), 0);
+    ASSERT_EQ(file.SetFilePointer(2, kBegin), 0);
+    char bytes[8] = {};
+    EXPECT_EQ(file.Read(bytes, 3, count), 0);
+    EXPECT_EQ(std::string(bytes, count), "234");
+    EXPECT_EQ(file.Read(bytes, 8, count), 0);
+    EXPECT_EQ(std::string(bytes, count), "5") << "up to the end of the file";
+    EXPECT_EQ(file.SetSize(7), 0);
+    EXPECT_EQ(file.Close(), 0);
+    EXPECT_BYTES(ReadFile(directory.Path("file")), "'012345' 00");
+
+    EXPECT_EQ(Open(file, path, Ventra::FileCreateDispositionFlags::kCreateNew), SystemError(EEXIST));
+    EXPECT_EQ(Ventra::FileSystem::Current().Remove(path), 0);
+    EXPECT_EQ(Ventra::FileSystem::Current().Remove(path), SystemError(ENOENT));
+    EXPECT_EQ(Ventra::FileSystem::Current().Remove(kBadPath), SystemError(EILSEQ));
 }
 
 TEST(File, PathThatIsNotUTF16IsAnError)
@@ -343,12 +371,17 @@ TEST_F(FileFaults, InterruptedCallsAreRetried)
     EXPECT_EQ(written, 10u);
     EXPECT_BYTES(content, "'0123456789'");
 
-    for (const FileOperation operation : {FileOperation::Open, FileOperation::Sync})
+    for (const FileOperation operation :
+         {FileOperation::Open, FileOperation::Read, FileOperation::SetSize, FileOperation::Sync})
     {
         FailingFileSystem failing(system, operation, 1, FailingFileSystem::Once, EINTR);
         FileSystemScope scope(failing);
         File file;
+        char byte = 1;
         EXPECT_EQ(Open(file, path, kCreateAlways), 0) << static_cast<int>(operation);
+        EXPECT_EQ(file.SetSize(1), 0) << static_cast<int>(operation);
+        EXPECT_EQ(file.Read(&byte, 1, written), 0) << static_cast<int>(operation);
+        EXPECT_EQ(byte, 0) << static_cast<int>(operation);
         EXPECT_EQ(file.Sync(), 0) << static_cast<int>(operation);
         EXPECT_EQ(failing.Calls(), 2) << static_cast<int>(operation);
     }

@@ -5,6 +5,24 @@
 namespace Ventra
 {
 
+namespace
+{
+
+template <typename Function>
+Tolbin::Result RetryInterrupted(Function inFunction)
+{
+    for (;;)
+    {
+        const Tolbin::Result result = inFunction();
+        if (Tolbin::SystemErrorFromResult(result) != EINTR)
+        {
+            return result;
+        }
+    }
+}
+
+} // namespace
+
 File::~File()
 {
     if (mFileSystem != nullptr)
@@ -23,17 +41,40 @@ Tolbin::Result File::Create(const Tolbin::UTF16String& inPath, FileAccessFlags::
     }
     FileSystem& fileSystem = FileSystem::Current();
     const FileOpenMode mode{inAccess, inShare, inDisposition, inAttributes, inInheritable};
-    Tolbin::Result result;
-    do
-    {
-        result = fileSystem.Open(inPath, mode, mHandle);
-    } while (Tolbin::SystemErrorFromResult(result) == EINTR);
+    const Tolbin::Result result = RetryInterrupted([&] { return fileSystem.Open(inPath, mode, mHandle); });
     if (result >= 0)
     {
         mFileSystem = &fileSystem;
         mPosition = 0;
     }
     return result;
+}
+
+Tolbin::Result File::Read(void* outData, unsigned int inLength, unsigned int& outRead)
+{
+    outRead = 0;
+    if (mFileSystem == nullptr)
+    {
+        return Tolbin::ResultFromSystemError(EBADF);
+    }
+    while (outRead < inLength)
+    {
+        std::size_t count = 0;
+        const Tolbin::Result result =
+            mFileSystem->Read(mHandle, mPosition, static_cast<char*>(outData) + outRead, inLength - outRead, count);
+        outRead += static_cast<unsigned int>(count); // At most what was asked.
+        mPosition += static_cast<std::int64_t>(count);
+        const bool interrupted = Tolbin::SystemErrorFromResult(result) == EINTR;
+        if (result < 0 && !interrupted)
+        {
+            return result;
+        }
+        if (count == 0 && !interrupted)
+        {
+            break;
+        }
+    }
+    return Tolbin::kResultSuccess;
 }
 
 Tolbin::Result File::Write(const void* inData, unsigned int inLength, unsigned int& outWritten)
@@ -96,18 +137,22 @@ Tolbin::Result File::GetSize(long long& outSize) const
     return result;
 }
 
+Tolbin::Result File::SetSize(long long inSize)
+{
+    if (mFileSystem == nullptr)
+    {
+        return Tolbin::ResultFromSystemError(EBADF);
+    }
+    return RetryInterrupted([&] { return mFileSystem->SetSize(mHandle, inSize); });
+}
+
 Tolbin::Result File::Sync()
 {
     if (mFileSystem == nullptr)
     {
         return Tolbin::ResultFromSystemError(EBADF);
     }
-    Tolbin::Result result;
-    do
-    {
-        result = mFileSystem->Sync(mHandle);
-    } while (Tolbin::SystemErrorFromResult(result) == EINTR);
-    return result;
+    return RetryInterrupted([&] { return mFileSystem->Sync(mHandle); });
 }
 
 FileSystemType::Type File::GetFileSystemType() const

@@ -60,6 +60,7 @@ public:
         int flags = (inMode.access & FileAccessFlags::kWrite) != 0 ? O_RDWR : O_RDONLY;
         flags |= inMode.inheritable ? 0 : O_CLOEXEC;
         flags |= inMode.disposition == FileCreateDispositionFlags::kCreateAlways ? O_CREAT | O_TRUNC : 0;
+        flags |= inMode.disposition == FileCreateDispositionFlags::kCreateNew ? O_CREAT | O_EXCL : 0;
         const bool isUnbuffered = (inMode.attributes & FileAttributesFlags::kUnbuffered) != 0;
         const int descriptor = isUnbuffered ? OperatingSystem::OpenUnbuffered(path.c_str(), flags, kNewFilePermissions)
                                             : ::open(path.c_str(), flags, kNewFilePermissions);
@@ -69,6 +70,14 @@ public:
         }
         outHandle = descriptor;
         return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                        std::size_t& outRead) override
+    {
+        const ssize_t count = ::pread(static_cast<int>(inHandle), outData, inLength, inOffset);
+        outRead = count < 0 ? 0 : static_cast<std::size_t>(count);
+        return count < 0 ? LastSystemError() : Tolbin::kResultSuccess;
     }
 
     Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
@@ -128,9 +137,14 @@ public:
         return Tolbin::kResultSuccess;
     }
 
+    Tolbin::Result SetSize(Handle inHandle, std::int64_t inSize) override
+    {
+        return ::ftruncate(static_cast<int>(inHandle), inSize) == 0 ? Tolbin::kResultSuccess : LastSystemError();
+    }
+
     Tolbin::Result Sync(Handle inHandle) override
     {
-        return ::fsync(static_cast<int>(inHandle)) == 0 ? Tolbin::kResultSuccess : LastSystemError();
+        return OperatingSystem::Sync(static_cast<int>(inHandle)) ? Tolbin::kResultSuccess : LastSystemError();
     }
 
     Tolbin::Result Close(Handle inHandle) override
@@ -167,6 +181,17 @@ public:
             outSize = std::bit_ceil(static_cast<unsigned int>(std::min<std::uint64_t>(wanted, kMaxDiskBufferSize)));
         }
         return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Remove(const Tolbin::UTF16String& inPath) override
+    {
+        std::string path;
+        const Tolbin::Result result = MakeSystemPath(inPath, path);
+        if (result < 0)
+        {
+            return result;
+        }
+        return ::unlink(path.c_str()) == 0 ? Tolbin::kResultSuccess : LastSystemError();
     }
 };
 

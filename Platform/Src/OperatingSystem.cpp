@@ -38,6 +38,12 @@ bool StopUnbuffered(int /*inDescriptor*/)
     return false; // F_NOCACHE takes writes of any alignment.
 }
 
+bool Sync(int inDescriptor)
+{
+    // Not every file system has the first, which reaches through the drive's own cache.
+    return ::fcntl(inDescriptor, F_FULLFSYNC) == 0 || ::fsync(inDescriptor) == 0;
+}
+
 FileSystemType::Type GetType(int inDescriptor)
 {
     struct statfs info
@@ -105,6 +111,11 @@ bool StopUnbuffered(int inDescriptor)
         return false;
     }
     return ::fcntl(inDescriptor, F_SETFL, flags & ~O_DIRECT) == 0;
+}
+
+bool Sync(int inDescriptor)
+{
+    return ::fdatasync(inDescriptor) == 0;
 }
 
 FileSystemType::Type GetType(int inDescriptor)

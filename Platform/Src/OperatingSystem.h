@@ -16,6 +16,9 @@ int OpenUnbuffered(const char* inPath, int inFlags, mode_t inPermissions);
 //! Lets the writes of a handle go through the cache from now on. False when they already did.
 bool StopUnbuffered(int inDescriptor);
 
+//! Brings the file's content and length to the device. False and `errno` on failure.
+bool Sync(int inDescriptor);
+
 FileSystemType::Type GetType(int inDescriptor);
 
 //! What unbuffered writes on the path's file must align to, in bytes; 0 when the system does not say.

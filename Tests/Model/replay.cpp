@@ -15,6 +15,8 @@
 // For every script one line goes to standard output: {name, values (one per call), reports ([call, kind, expression,
 // message, function], ...), traces, bufferSize and created (once the movie was created)}. Results are unsigned.
 
+#include "Support/ForwardingFileSystem.h"
+
 #include <Reelmill/QTSampleDescription.h>
 #include <Reelmill/Reelmill.h>
 #include <Tolbin/Debug.h>
@@ -105,7 +107,7 @@ private:
 // ---- Doubles --------------------------------------------------------------------------------------------------------
 
 //! The operating system's files on a volume that says of itself what the script wants.
-class ScriptedVolume final : public Ventra::FileSystem
+class ScriptedVolume final : public ForwardingFileSystem
 {
 public:
     explicit ScriptedVolume(const Json& inVolume)
@@ -136,15 +138,6 @@ public:
                          : System().Write(inHandle, inOffset, inData, inLength, outWritten);
     }
 
-    Result Seek(Handle inHandle, std::int64_t inDistance, Ventra::FilePointerMoveMethod::Type inMethod,
-                std::int64_t& ioPosition) override
-    {
-        return System().Seek(inHandle, inDistance, inMethod, ioPosition);
-    }
-
-    Result GetSize(Handle inHandle, std::int64_t& outSize) override { return System().GetSize(inHandle, outSize); }
-    Result Sync(Handle inHandle) override { return System().Sync(inHandle); }
-    Result Close(Handle inHandle) override { return System().Close(inHandle); }
     Ventra::FileSystemType::Type GetType(Handle) override { return mKind; }
 
     Result GetEfficientDiskBufferSize(const Tolbin::UTF16String&, unsigned int& outSize) override

@@ -39,6 +39,14 @@ public:
         return Fails(FileOperation::Open) ? mResult : ForwardingFileSystem::Open(inPath, inMode, outHandle);
     }
 
+    Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                        std::size_t& outRead) override
+    {
+        outRead = 0;
+        return Fails(FileOperation::Read) ? mResult
+                                          : ForwardingFileSystem::Read(inHandle, inOffset, outData, inLength, outRead);
+    }
+
     Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                          std::size_t& outWritten) override
     {
@@ -60,6 +68,11 @@ public:
         return Fails(FileOperation::GetSize) ? mResult : ForwardingFileSystem::GetSize(inHandle, outSize);
     }
 
+    Tolbin::Result SetSize(Handle inHandle, std::int64_t inSize) override
+    {
+        return Fails(FileOperation::SetSize) ? mResult : ForwardingFileSystem::SetSize(inHandle, inSize);
+    }
+
     Tolbin::Result Sync(Handle inHandle) override
     {
         return Fails(FileOperation::Sync) ? mResult : ForwardingFileSystem::Sync(inHandle);
@@ -75,6 +88,11 @@ public:
     {
         return Fails(FileOperation::BufferSize) ? mResult
                                                 : ForwardingFileSystem::GetEfficientDiskBufferSize(inPath, outSize);
+    }
+
+    Tolbin::Result Remove(const Tolbin::UTF16String& inPath) override
+    {
+        return Fails(FileOperation::Remove) ? mResult : ForwardingFileSystem::Remove(inPath);
     }
 
 private:

@@ -15,6 +15,12 @@ public:
         return mNext.Open(inPath, inMode, outHandle);
     }
 
+    Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                        std::size_t& outRead) override
+    {
+        return mNext.Read(inHandle, inOffset, outData, inLength, outRead);
+    }
+
     Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                          std::size_t& outWritten) override
     {
@@ -29,6 +35,8 @@ public:
 
     Tolbin::Result GetSize(Handle inHandle, std::int64_t& outSize) override { return mNext.GetSize(inHandle, outSize); }
 
+    Tolbin::Result SetSize(Handle inHandle, std::int64_t inSize) override { return mNext.SetSize(inHandle, inSize); }
+
     Tolbin::Result Sync(Handle inHandle) override { return mNext.Sync(inHandle); }
 
     Tolbin::Result Close(Handle inHandle) override { return mNext.Close(inHandle); }
@@ -40,6 +48,8 @@ public:
         return mNext.GetEfficientDiskBufferSize(inPath, outSize);
     }
 
+    Tolbin::Result Remove(const Tolbin::UTF16String& inPath) override { return mNext.Remove(inPath); }
+
 private:
     Ventra::FileSystem& mNext;
 };
@@ -48,10 +58,13 @@ private:
 enum class FileOperation
 {
     Open,
+    Read,
     Write,
     Seek,
     GetSize,
+    SetSize,
     Sync,
     Close,
-    BufferSize
+    BufferSize,
+    Remove
 };

@@ -28,6 +28,10 @@ public:
                           FileShareModeFlags::Type inShare, FileCreateDispositionFlags::Type inDisposition,
                           FileAttributesFlags::Type inAttributes, bool inInheritable);
 
+    //! Reads at the file pointer and moves it behind what was read, retrying as `Write` does: 0, with `outRead` below
+    //! `inLength` only at the end of the file; or the error that ended it, with `outRead` telling what came before.
+    Tolbin::Result Read(void* outData, unsigned int inLength, unsigned int& outRead);
+
     //! Writes at the file pointer and moves it behind what was written. Interrupted calls are retried and partial
     //! writes continued, so that the result is final: 0, with `outWritten` below `inLength` only when the system takes
     //! no more without naming an error; or the error that ended it, with `outWritten` telling what came before.
@@ -40,7 +44,10 @@ public:
 
     Tolbin::Result GetSize(long long& outSize) const;
 
-    //! Returns once the file's content is on the device.
+    //! Cuts the file, or lengthens it with zeros. The pointer stays.
+    Tolbin::Result SetSize(long long inSize);
+
+    //! Returns once the file's content and length are on the device.
     Tolbin::Result Sync();
 
     //! The kind of volume that the file lies on; local when no file is open.

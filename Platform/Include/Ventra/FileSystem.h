@@ -35,6 +35,7 @@ namespace FileCreateDispositionFlags
 {
 enum Type : int
 {
+    kCreateNew = 1,    //!< Creates the file, which must not exist (EEXIST).
     kCreateAlways = 2, //!< Creates the file; an existing one loses its content.
     kOpenExisting = 8  //!< Opens the file, which must exist; leaves its content alone.
 };
@@ -91,6 +92,11 @@ public:
     //! Opens or creates the file at `inPath`. Sets `outHandle` on success only.
     virtual Tolbin::Result Open(const Tolbin::UTF16String& inPath, const FileOpenMode& inMode, Handle& outHandle) = 0;
 
+    //! Reads at an absolute offset. May read less than asked and succeed; 0 bytes only at the end of the file.
+    //! `outRead` is set in every case.
+    virtual Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                                std::size_t& outRead) = 0;
+
     //! Writes at an absolute offset. May write less than asked and succeed, and may be interrupted (EINTR).
     //! `outWritten` is set in every case.
     virtual Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
@@ -103,7 +109,10 @@ public:
 
     virtual Tolbin::Result GetSize(Handle inHandle, std::int64_t& outSize) = 0;
 
-    //! Returns once the file's content is on the device.
+    //! Cuts the file, or lengthens it with zeros.
+    virtual Tolbin::Result SetSize(Handle inHandle, std::int64_t inSize) = 0;
+
+    //! Returns once the file's content and length are on the device.
     virtual Tolbin::Result Sync(Handle inHandle) = 0;
 
     //! The handle is gone whatever the result.
@@ -113,6 +122,9 @@ public:
 
     //! The size of the writes that the volume of an existing file takes best, in bytes. Sets `outSize` on success only.
     virtual Tolbin::Result GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize) = 0;
+
+    //! Removes the file's name; who has it open keeps it.
+    virtual Tolbin::Result Remove(const Tolbin::UTF16String& inPath) = 0;
 
     //! The file system that files opened from now on use.
     static FileSystem& Current();
