@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QTDiskTypes.h"
 #include "TrackRec.h"
 #include "UnbufferedWriter.h"
 
@@ -19,12 +20,31 @@
 namespace QT
 {
 
+//! What a movie has from its `Create` on: all that must be known to write its tables anew.
+struct MovieStart
+{
+    std::int32_t movieTimeScale = 0;   //!< Movie time units per second.
+    std::uint32_t placeholderSize = 0; //!< Of the whole 'skip' atom.
+    std::int64_t creationTime = 0;     //!< Seconds since 1970.
+
+    std::int64_t GetMediaDataOffset() const;
+};
+
+//! The bytes of a text sample. \return 0; `kQTErrBadArgument` for a text of more than 32 766 code units.
+Tolbin::Result MakeTextSample(const Tolbin::UTF16String& inText, Tolbin::utility::BinaryDataArray& outSample);
+
+//! Whether `inSize` bytes at `inData` can be read at all.
+bool IsValidBuffer(const void* inData, int inSize);
+
 //! The writer. Every direct write to the file goes through `VentraFileWriteChk::Write`; media goes through the
 //! `UnbufferedWriter`. The members stand so that destruction releases user data, writer, tracks, file and path in that
 //! order.
 class PrivateReelmill final : public Reelmill
 {
 public:
+    using TrackMap =
+        std::map<TrackID, TrackRec, std::less<>, Tolbin::allocator::STLAllocator<std::pair<const TrackID, TrackRec>>>;
+
     Tolbin::Result Create(Tolbin::UTF16String inPath, int inMovieTimeScale) override;
     Tolbin::Result NewMovieTrack(MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
                                  boost::shared_ptr<QTSampleDescription> inSampleDescription,
@@ -42,9 +62,50 @@ public:
     Tolbin::Result Flush() override;
     int GetMovieDuration() override;
 
+    //! \name For those who know what lies in the file and what does not
+    //! @{
+
+    MovieStart GetStart() const;
+
+    //! File offset of the next byte of media.
+    std::int64_t GetMediaEnd() const { return mediaDataOffset + mediaDataSize; }
+
+    //! Bytes of media that can be added before a block goes to disk.
+    std::size_t GetBlockRoom() { return unbufferedWriter->GetBlockRoom(); }
+
+    //! The first part of `Close`, on its own for whoever must know its result: writes the media that is still in
+    //! memory. No media can be added any more.
+    Tolbin::Result CloseMedia();
+
+    //! The failure of `Close` that its result does not tell: what is left of the placeholder was not written.
+    Tolbin::Result GetPlaceholderResult() const { return placeholderResult; }
+
+    //! Takes up a movie whose head and media are in the file already, in place of `Create`. Tracks, user data,
+    //! references and trim-ins are then added as ever, media by `RestoreMediaSample`; `Close` finishes the file.
+    void Resume(const MovieStart& inStart);
+
+    //! Opens the file of a movie that was resumed, and cuts off all behind the media.
+    Tolbin::Result OpenResumed(const Tolbin::UTF16String& inPath);
+
+    //! Records samples that lie in the file at `inFileOffset`.
+    void RestoreMediaSample(TrackID inTrackID, std::int64_t inFileOffset, std::int32_t inDataSize,
+                            std::int32_t inSampleCount, std::int32_t inSampleDuration);
+
+    //! Lets 'mdat' end here.
+    void SetMediaEnd(std::int64_t inFileOffset) { mediaDataSize = inFileOffset - mediaDataOffset; }
+
+    //! Their samples may be changed; tracks neither come nor go.
+    TrackMap& GetTracks() { return tracks; }
+
+    //! Builds the 'moov' atom. Drops the tracks without samples.
+    Tolbin::Result MakeMooVAtom(Tolbin::utility::BinaryDataArray& outMooVAtom);
+
+    //! Whether a 'moov' atom of this size goes in front of the media.
+    bool FitsPlaceholder(std::uint64_t inSize) const { return inSize + kAtomHeaderSize <= placeholderSize; }
+
+    //! @}
+
 private:
-    using TrackMap =
-        std::map<TrackID, TrackRec, std::less<>, Tolbin::allocator::STLAllocator<std::pair<const TrackID, TrackRec>>>;
     using UserDataMap = std::map<int, Tolbin::utility::BinaryDataArray>;
 
     enum class State
@@ -57,12 +118,13 @@ private:
     Tolbin::Result OpenMovieFile();
     void ReadCreationTime();
     Tolbin::Result WriteMovieStart(unsigned int inDiskBufferSize);
+    Tolbin::Result WriteMediaDataStart();
     Tolbin::Result WritePlaceholderAtom(int inAtomType, int inAtomSize);
     Tolbin::Result PatchMediaDataSize();
     Tolbin::Result PlaceMooVAtom(Tolbin::utility::BinaryDataArray& inMooVAtom);
-    Tolbin::Result MakeMooVAtom(Tolbin::utility::BinaryDataArray& outMooVAtom);
     Tolbin::Result MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack, std::map<TrackID, int>& inTrackIndexByID,
                                  Tolbin::utility::BinaryDataArray& outTrackAtom);
+    void RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample);
     Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
     Tolbin::Result Write(void* inData, std::size_t inLength);
 
@@ -80,6 +142,7 @@ private:
     boost::shared_ptr<UnbufferedWriter> unbufferedWriter;
     UserDataMap userData; //!< The movie's, by four-character type.
     State state = State::Constructed;
+    Tolbin::Result placeholderResult = Tolbin::kResultSuccess;
 };
 
 } // namespace QT

@@ -43,18 +43,18 @@ const char* QTResultMessage(Tolbin::Result inResult)
         return "an argument, or the volume's disk-buffer size, has a value that no movie can be written with";
     case kQTErrTooLarge:
         return "an atom of the movie would pass what its 32-bit size can hold";
+    case kQTErrBadJournal:
+        return "the file is not a journal, or one of a version that is not known here";
+    case kQTErrOtherMovie:
+        return "the journal belongs to another movie";
+    case kQTErrNothingWhole:
+        return "no whole sample of the movie has reached the file";
     default:
         return nullptr;
     }
 }
 
 const Tolbin::ResultMessages sResultMessages(QTResultMessage);
-
-//! Whether `inSize` bytes at `inData` can be read at all.
-bool IsValidBuffer(const void* inData, int inSize)
-{
-    return inSize >= 0 && (inData != nullptr || inSize == 0);
-}
 
 //! Stores a copy of an item, in place of an earlier one of its type.
 Tolbin::Result StoreUserData(std::map<int, Tolbin::utility::BinaryDataArray>& ioItems, int inType, const void* inData,
@@ -167,6 +167,11 @@ struct SampleTableItemsScope
 
 Reelmill::~Reelmill() = default;
 
+bool IsValidBuffer(const void* inData, int inSize)
+{
+    return inSize >= 0 && (inData != nullptr || inSize == 0);
+}
+
 boost::shared_ptr<Reelmill> CreateReelmill()
 {
     return boost::make_shared<PrivateReelmill>();
@@ -263,9 +268,18 @@ Tolbin::Result PrivateReelmill::WriteMovieStart(unsigned int inDiskBufferSize)
     }
     static_cast<void>(file->GetFilePointer(position));
     wideOffset = position;
+    result = WriteMediaDataStart();
+    static_cast<void>(file->GetFilePointer(position));
+    mediaDataOffset = position;
+    return result;
+}
+
+// On disk afterwards, from the file pointer on: 'wide' (8) and the header of 'mdat' (8), whose size is provisional.
+Tolbin::Result PrivateReelmill::WriteMediaDataStart()
+{
+    Tolbin::Result result = Tolbin::kResultSuccess;
     for (const std::uint32_t word :
-         {std::uint32_t{kAtomHeaderSize}, FourCC("wide"), // The 'mdat' header is provisional.
-          std::uint32_t{kAtomHeaderSize}, FourCC("mdat")})
+         {std::uint32_t{kAtomHeaderSize}, FourCC("wide"), std::uint32_t{kAtomHeaderSize}, FourCC("mdat")})
     {
         big_uint32_t field = word;
         result = Write(&field, sizeof(field));
@@ -274,8 +288,6 @@ Tolbin::Result PrivateReelmill::WriteMovieStart(unsigned int inDiskBufferSize)
             break;
         }
     }
-    static_cast<void>(file->GetFilePointer(position));
-    mediaDataOffset = position;
     return result;
 }
 
@@ -373,18 +385,23 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     {
         return result;
     }
-    track->samples.push_back(
-        {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag, /*endsChunk*/ false});
+    RecordMediaSample(*track, {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
+                               /*endsChunk*/ false});
+    return result;
+}
 
+//! Room for the record was made before.
+void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
+{
+    ioTrack.samples.push_back(inSample);
     const auto newDuration =
-        static_cast<std::uint64_t>(track->duration + std::int64_t{inSampleCount} * inSampleDuration);
+        static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
     TOLBIN_ASSERT(
         (newDuration & 0xFFFFFFFF80000000LL) == 0,
         "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
         "being written in an invalid state.\n");
-    track->duration = static_cast<std::int32_t>(Low32(newDuration));
-    mediaDataSize += inDataSize;
-    return result;
+    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
+    mediaDataSize += inSample.dataSize;
 }
 
 Tolbin::Result PrivateReelmill::EndMediaChunk(TrackID inTrackID)
@@ -403,29 +420,40 @@ Tolbin::Result PrivateReelmill::EndMediaChunk(TrackID inTrackID)
     return Tolbin::kResultSuccess;
 }
 
-// The sample: 0 length of the text with its mark, 2 byte-order mark, 4 the text as little-endian UTF-16, then 'encd'.
-Tolbin::Result PrivateReelmill::AddTextMediaSample(TrackID inTrackID, const Tolbin::UTF16String& inText, int inDuration)
+// 0 length of the text with its mark, 2 byte-order mark, 4 the text as little-endian UTF-16, then 'encd'.
+Tolbin::Result MakeTextSample(const Tolbin::UTF16String& inText, Tolbin::utility::BinaryDataArray& outSample)
 {
-    TrackPtr track = nullptr;
-    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
-    if (result < 0)
-    {
-        return result;
-    }
     if (inText.size() > kMaxTextLength)
     {
         return kQTErrBadArgument;
     }
     qtn_TextSampleHead head;
     head.textSize = static_cast<std::uint16_t>(2 * inText.size() + sizeof(head.byteOrderMark)); // Fits: checked above.
-    Tolbin::utility::BinaryDataArray sample;
-    sample.reserve(sizeof(head) + 2 * inText.size() + sizeof(qtn_TextEncodingAtom));
-    AppendRecord(sample, head);
+    outSample.clear();
+    outSample.reserve(sizeof(head) + 2 * inText.size() + sizeof(qtn_TextEncodingAtom));
+    AppendRecord(outSample, head);
     for (const char16_t unit : inText)
     {
-        AppendRecord(sample, boost::endian::little_uint16_t(unit));
+        AppendRecord(outSample, boost::endian::little_uint16_t(unit));
     }
-    AppendRecord(sample, qtn_TextEncodingAtom{});
+    AppendRecord(outSample, qtn_TextEncodingAtom{});
+    return Tolbin::kResultSuccess;
+}
+
+Tolbin::Result PrivateReelmill::AddTextMediaSample(TrackID inTrackID, const Tolbin::UTF16String& inText, int inDuration)
+{
+    TrackPtr track = nullptr;
+    Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    if (result < 0)
+    {
+        return result;
+    }
+    Tolbin::utility::BinaryDataArray sample;
+    result = MakeTextSample(inText, sample);
+    if (result < 0)
+    {
+        return result;
+    }
     return AddMediaSample(inTrackID, sample.data(), static_cast<int>(sample.size()), 1, inDuration, 0, false);
 }
 
@@ -507,7 +535,7 @@ Tolbin::Result PrivateReelmill::Close()
         return kQTErrBadState;
     }
     const FileCloser closer(file, unbufferedWriter);
-    static_cast<void>(unbufferedWriter->Close()); // A tail that is missing shows in the file's length.
+    static_cast<void>(CloseMedia()); // A tail that is missing shows in the file's length.
     Tolbin::Result result = PatchMediaDataSize();
     if (result >= 0)
     {
@@ -519,6 +547,17 @@ Tolbin::Result PrivateReelmill::Close()
         }
     }
     state = State::Finished;
+    return result;
+}
+
+Tolbin::Result PrivateReelmill::CloseMedia()
+{
+    if (!unbufferedWriter)
+    {
+        return Tolbin::kResultSuccess;
+    }
+    const Tolbin::Result result = unbufferedWriter->Close();
+    unbufferedWriter.reset();
     return result;
 }
 
@@ -552,7 +591,7 @@ Tolbin::Result PrivateReelmill::PatchMediaDataSize()
 Tolbin::Result PrivateReelmill::PlaceMooVAtom(Tolbin::utility::BinaryDataArray& inMooVAtom)
 {
     const std::uint64_t size = inMooVAtom.size();
-    if (size + kAtomHeaderSize > placeholderSize)
+    if (!FitsPlaceholder(size))
     {
         static_cast<void>(file->SetFilePointer(0, Ventra::FilePointerMoveMethod::kEnd));
         return Write(inMooVAtom.data(), size);
@@ -564,7 +603,7 @@ Tolbin::Result PrivateReelmill::PlaceMooVAtom(Tolbin::utility::BinaryDataArray& 
         return result;
     }
     // The movie itself is complete: a failure here does not count.
-    static_cast<void>(WritePlaceholderAtom(FourCC("skip"), static_cast<int>(placeholderSize - Low32(size))));
+    placeholderResult = WritePlaceholderAtom(FourCC("skip"), static_cast<int>(placeholderSize - Low32(size)));
     return result;
 }
 
@@ -719,6 +758,67 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
         trackAtoms.push_back(AtomHeader(userDataAtom));
     }
     return MakeContainer(FourCC("trak"), trackAtoms, outTrackAtom);
+}
+
+// ---- A movie that is in the file already ----------------------------------------------------------------------------
+
+std::int64_t MovieStart::GetMediaDataOffset() const
+{
+    return std::int64_t{placeholderSize} + kHeadSize;
+}
+
+MovieStart PrivateReelmill::GetStart() const
+{
+    std::tm time = creationTime;
+    return {movieTimeScale, placeholderSize, timegm(&time)};
+}
+
+void PrivateReelmill::Resume(const MovieStart& inStart)
+{
+    movieTimeScale = inStart.movieTimeScale;
+    placeholderSize = inStart.placeholderSize;
+    placeholderOffset = sizeof(qtn_FileTypeAtom);
+    wideOffset = placeholderOffset + placeholderSize;
+    mediaDataOffset = inStart.GetMediaDataOffset();
+    const auto seconds = static_cast<std::time_t>(inStart.creationTime);
+    static_cast<void>(gmtime_r(&seconds, &creationTime));
+    state = State::Streaming;
+}
+
+// On disk before: a head whose placeholder and 'mdat' header may have been written over by an earlier attempt to close
+// the movie, media, anything. Afterwards: the head as `Create` left it, but for the placeholder's body, and the media.
+Tolbin::Result PrivateReelmill::OpenResumed(const Tolbin::UTF16String& inPath)
+{
+    path = inPath;
+    file = boost::make_shared<Ventra::File>();
+    Tolbin::Result result =
+        file->Create(path, Ventra::FileAccessFlags::kWrite, Ventra::FileShareModeFlags::kReadWrite,
+                     Ventra::FileCreateDispositionFlags::kOpenExisting, Ventra::FileAttributesFlags::kNormal, false);
+    if (result >= 0)
+    {
+        result = file->SetSize(mediaDataOffset + mediaDataSize);
+    }
+    if (result >= 0)
+    {
+        static_cast<void>(file->SetFilePointer(placeholderOffset, Ventra::FilePointerMoveMethod::kBegin));
+        qtn_GenericAtomHeader placeholder(placeholderSize, FourCC("skip"));
+        result = Write(&placeholder, sizeof(placeholder));
+    }
+    if (result >= 0)
+    {
+        static_cast<void>(file->SetFilePointer(wideOffset, Ventra::FilePointerMoveMethod::kBegin));
+        result = WriteMediaDataStart();
+    }
+    return result;
+}
+
+void PrivateReelmill::RestoreMediaSample(TrackID inTrackID, std::int64_t inFileOffset, std::int32_t inDataSize,
+                                         std::int32_t inSampleCount, std::int32_t inSampleDuration)
+{
+    TrackRec& track = tracks.at(inTrackID);
+    ReserveOneMore(track.samples);
+    RecordMediaSample(track, {inFileOffset, inSampleCount, inSampleDuration, /*auxValue*/ 0, inDataSize,
+                              /*auxFlag*/ false, /*endsChunk*/ false});
 }
 
 } // namespace QT

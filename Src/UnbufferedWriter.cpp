@@ -163,6 +163,8 @@ public:
         return WriteBlock(mSharedFile);
     }
 
+    std::size_t GetBlockRoom() override { return mBufferedWriteSize - mBufferCurrentPos; }
+
 private:
     //! Allocates the block and places it: at the first multiple of the alignment behind the start of the storage, so
     //! that the whole block fits whatever the storage's address.

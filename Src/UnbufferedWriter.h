@@ -48,6 +48,9 @@ public:
 
     //! Writes what is left in the block, at its exact offset, and closes the unbuffered handle.
     virtual Tolbin::Result Close() = 0;
+
+    //! Bytes that the block still takes: a `Write` of fewer writes nothing to the file. Above 0 while open.
+    virtual std::size_t GetBlockRoom() = 0;
 };
 
 //! \param diskSectorSize  alignment of the block in bytes, above 0, else a contract violation is raised; a size that is

@@ -44,6 +44,9 @@ constexpr Tolbin::Result kQTErrBadState = Tolbin::MakeResult(0xA0810004);    //!
                                                                              //!< `Create`, or after `Close`.
 constexpr Tolbin::Result kQTErrBadArgument = Tolbin::MakeResult(0xA0810005); //!< An argument that no movie can hold.
 constexpr Tolbin::Result kQTErrTooLarge = Tolbin::MakeResult(0xA0810006);    //!< An atom would pass its 32-bit size.
+constexpr Tolbin::Result kQTErrBadJournal = Tolbin::MakeResult(0xA0810007);  //!< No journal that can be read here.
+constexpr Tolbin::Result kQTErrOtherMovie = Tolbin::MakeResult(0xA0810008);  //!< The journal of another movie.
+constexpr Tolbin::Result kQTErrNothingWhole = Tolbin::MakeResult(0xA0810009); //!< No whole sample is in the file.
 using Tolbin::kResultFailed;      //!< A track's sample description gave no bytes.
 using Tolbin::kResultOutOfMemory; //!< Memory could not be obtained, or an exception ended the assembly of 'moov'.
 using Tolbin::kResultShortWrite;  //!< The system wrote fewer bytes than it was asked to.

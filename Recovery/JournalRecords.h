@@ -1,0 +1,177 @@
+#pragma once
+
+#include "QTDiskTypes.h"
+#include "StoredDescription.h"
+
+#include <Tolbin/BinaryDataArray.h>
+
+#include <boost/crc.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <variant>
+
+// The journal of a movie.
+//
+//   journal  = header frame*
+//   header   = JournalHeader
+//   frame    = JournalFrameHeader record*          what was collected and written in one go
+//   record   = sample | kind field*                kind: one byte, below 0x80
+//   sample   = flags [track] [size] [count] [duration] [zeros]
+//
+// A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
+// bytes and the bytes. A sample's flags say which of its fields are there; what is missing is as in the record before
+// (track) or as in the track's sample before (size, count, duration; 0 each for its first).
+//
+// A journal ends where the next frame is not whole: at the end of the file, at a length of 0, at a checksum that does
+// not agree. Everything before that counts.
+
+namespace QT
+{
+
+using boost::endian::big_uint32_t;
+using boost::endian::big_uint64_t;
+
+constexpr std::uint32_t kJournalVersion = 1;
+
+struct JournalHeader
+{
+    char magic[8] = {'r', 'e', 'e', 'l', 'j', 'r', 'n', 'l'}; //  0  8
+    big_uint32_t version = kJournalVersion;                   //  8  4
+    big_uint32_t checksum = 0;                                // 12  4  CRC-32C of what stands before
+};
+static_assert(IsDiskRecord<JournalHeader> && sizeof(JournalHeader) == 16);
+
+struct JournalFrameHeader
+{
+    big_uint32_t size = 0;     //  0  4  of the records
+    big_uint32_t checksum = 0; //  4  4  CRC-32C of the frame's offset in the journal (64 bits), `size` and the records
+};
+static_assert(IsDiskRecord<JournalFrameHeader> && sizeof(JournalFrameHeader) == 8);
+
+using CRC32C = boost::crc_optimal<32, 0x1EDC6F41, 0xFFFFFFFF, 0xFFFFFFFF, true, true>;
+
+inline std::uint32_t ChecksumOf(const void* inData, std::size_t inSize)
+{
+    CRC32C crc;
+    crc.process_bytes(inData, inSize);
+    return crc.checksum();
+}
+
+inline std::uint32_t ChecksumOfFrame(std::uint64_t inOffset, const void* inRecords, std::uint32_t inSize)
+{
+    const big_uint64_t offset = inOffset;
+    const big_uint32_t size = inSize;
+    CRC32C crc;
+    crc.process_bytes(&offset, sizeof(offset));
+    crc.process_bytes(&size, sizeof(size));
+    crc.process_bytes(inRecords, inSize);
+    return crc.checksum();
+}
+
+//! The flags of a sample, the first of which every sample has and no other record.
+constexpr std::uint8_t kSampleFlag = 0x80;
+constexpr std::uint8_t kSampleTrackFlag = 0x01;
+constexpr std::uint8_t kSampleSizeFlag = 0x02;
+constexpr std::uint8_t kSampleCountFlag = 0x04;
+constexpr std::uint8_t kSampleDurationFlag = 0x08;
+constexpr std::uint8_t kSampleZerosFlag = 0x10;
+
+enum class JournalKind : std::uint8_t
+{
+    kMovie = 1,
+    kTrack = 2,
+    kDescription = 3,
+    kEndChunk = 4,
+    kTrimIn = 5,
+    kUserData = 6,
+    kReference = 7,
+    kProbe = 8,
+    kRevocation = 9,
+    kClosing = 10
+};
+
+//! Tracks are counted from 0, in the order of their creation.
+struct JournalSample
+{
+    std::uint64_t track = 0;
+    std::int32_t size = 0; //!< Bytes of all its samples together.
+    std::int32_t count = 0;
+    std::int32_t duration = 0; //!< Of each.
+    std::uint32_t zeros = 0;   //!< Bytes at its end that are zero.
+};
+
+//! The movie was created. The first record.
+struct JournalMovie
+{
+    std::int32_t timeScale = 0;
+    std::uint32_t placeholderSize = 0;
+    std::int64_t creationTime = 0; //!< Seconds since 1970.
+};
+
+struct JournalTrack
+{
+    std::uint32_t mediaType = 0;
+    std::int32_t timeScale = 0;
+    std::int32_t width = 0;
+    std::int32_t height = 0;
+    StoredDescription description;
+};
+
+//! The description of a track has changed.
+struct JournalDescription
+{
+    std::uint64_t track = 0;
+    StoredDescription description;
+};
+
+struct JournalEndChunk
+{
+    std::uint64_t track = 0;
+};
+
+struct JournalTrimIn
+{
+    std::uint64_t track = 0;
+    std::int32_t trimIn = 0;
+};
+
+struct JournalUserData
+{
+    static constexpr std::uint64_t kMovie = ~std::uint64_t{0};
+
+    std::uint64_t track = kMovie; //!< Or the movie.
+    std::int32_t type = 0;
+    Tolbin::utility::BinaryDataArray payload;
+};
+
+struct JournalReference
+{
+    std::uint64_t track = 0;
+    std::uint64_t referenced = 0;
+    std::uint32_t type = 0;
+};
+
+//! What media looks like somewhere in the movie, to tell whether a file is the journal's.
+struct JournalProbe
+{
+    std::int64_t offset = 0;
+    std::uint32_t size = 0;
+    std::uint32_t checksum = 0; //!< CRC-32C
+};
+
+//! The sample right before never became part of the movie.
+struct JournalRevocation
+{
+};
+
+//! `Close` was called: nothing comes behind.
+struct JournalClosing
+{
+};
+
+using JournalRecord =
+    std::variant<JournalSample, JournalMovie, JournalTrack, JournalDescription, JournalEndChunk, JournalTrimIn,
+                 JournalUserData, JournalReference, JournalProbe, JournalRevocation, JournalClosing>;
+
+} // namespace QT

@@ -1,0 +1,291 @@
+#include "JournalWriter.h"
+
+#include <Ventra/FileSystem.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace QT
+{
+
+namespace
+{
+
+//! Writes an unsigned LEB128 number and returns what is behind it.
+std::uint8_t* StoreNumber(std::uint8_t* outBytes, std::uint64_t inNumber)
+{
+    while (inNumber >= 0x80)
+    {
+        *outBytes++ = static_cast<std::uint8_t>(inNumber | 0x80);
+        inNumber >>= 7;
+    }
+    *outBytes++ = static_cast<std::uint8_t>(inNumber);
+    return outBytes;
+}
+
+} // namespace
+
+Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
+{
+    Tolbin::Result result =
+        mFile.Create(inPath, Ventra::FileAccessFlags::kWrite, Ventra::FileShareModeFlags::kRead,
+                     Ventra::FileCreateDispositionFlags::kCreateNew, Ventra::FileAttributesFlags::kNormal, false);
+    if (result < 0)
+    {
+        return result;
+    }
+    mFrame.resize(kFullSize + kMaxSampleSize);
+    JournalHeader header;
+    header.checksum = ChecksumOf(&header, offsetof(JournalHeader, checksum));
+    unsigned int written = 0;
+    result = mFile.Write(&header, sizeof(header), written);
+    if (result >= 0 && written != sizeof(header))
+    {
+        result = Tolbin::kResultShortWrite;
+    }
+    if (result < 0)
+    {
+        static_cast<void>(mFile.Close());
+        static_cast<void>(Ventra::FileSystem::Current().Remove(inPath));
+    }
+    mOffset = sizeof(header);
+    return result;
+}
+
+// ---- Records --------------------------------------------------------------------------------------------------------
+
+void JournalWriter::AddSample(const JournalSample& inSample)
+{
+    JournalSample& last = mLast[inSample.track];
+    mMark = {mEnd, mTrack, last};
+    std::uint8_t* const flags = mFrame.data() + mEnd;
+    std::uint8_t* end = flags + 1;
+    *flags = kSampleFlag;
+    if (inSample.track != mTrack)
+    {
+        *flags |= kSampleTrackFlag;
+        end = StoreNumber(end, inSample.track);
+        mTrack = inSample.track;
+    }
+    if (inSample.size != last.size)
+    {
+        *flags |= kSampleSizeFlag;
+        end = StoreNumber(end, Bits32(inSample.size));
+    }
+    if (inSample.count != last.count)
+    {
+        *flags |= kSampleCountFlag;
+        end = StoreNumber(end, Bits32(inSample.count));
+    }
+    if (inSample.duration != last.duration)
+    {
+        *flags |= kSampleDurationFlag;
+        end = StoreNumber(end, Bits32(inSample.duration));
+    }
+    if (inSample.zeros != 0)
+    {
+        *flags |= kSampleZerosFlag;
+        end = StoreNumber(end, inSample.zeros);
+    }
+    last = inSample;
+    mEnd = static_cast<std::size_t>(end - mFrame.data());
+}
+
+bool JournalWriter::TakeBackSample()
+{
+    if (mMark.end == 0)
+    {
+        return false;
+    }
+    mLast[mTrack] = mMark.last;
+    mTrack = mMark.track;
+    mEnd = mMark.end;
+    mMark.end = 0;
+    return true;
+}
+
+void JournalWriter::AddTrack(const JournalTrack& inTrack)
+{
+    mLast.reserve(mLast.size() + 1);
+    PutKind(JournalKind::kTrack, 4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
+    PutNumber(inTrack.mediaType);
+    PutNumber(Bits32(inTrack.timeScale));
+    PutNumber(Bits32(inTrack.width));
+    PutNumber(Bits32(inTrack.height));
+    PutDescription(inTrack.description);
+    mLast.emplace_back();
+}
+
+void JournalWriter::Add(const JournalMovie& inMovie)
+{
+    PutKind(JournalKind::kMovie, 3 * kMaxNumberSize);
+    PutNumber(Bits32(inMovie.timeScale));
+    PutNumber(inMovie.placeholderSize);
+    PutNumber(static_cast<std::uint64_t>(inMovie.creationTime));
+}
+
+void JournalWriter::Add(const JournalDescription& inDescription)
+{
+    PutKind(JournalKind::kDescription, kMaxNumberSize + MaxSizeOf(inDescription.description));
+    PutNumber(inDescription.track);
+    PutDescription(inDescription.description);
+}
+
+void JournalWriter::Add(const JournalEndChunk& inEndChunk)
+{
+    PutKind(JournalKind::kEndChunk, kMaxNumberSize);
+    PutNumber(inEndChunk.track);
+}
+
+void JournalWriter::Add(const JournalTrimIn& inTrimIn)
+{
+    PutKind(JournalKind::kTrimIn, 2 * kMaxNumberSize);
+    PutNumber(inTrimIn.track);
+    PutNumber(Bits32(inTrimIn.trimIn));
+}
+
+void JournalWriter::Add(const JournalUserData& inUserData)
+{
+    PutKind(JournalKind::kUserData, 3 * kMaxNumberSize + inUserData.payload.size());
+    PutNumber(inUserData.track);
+    PutNumber(Bits32(inUserData.type));
+    PutBytes(inUserData.payload.data(), inUserData.payload.size());
+}
+
+void JournalWriter::Add(const JournalReference& inReference)
+{
+    PutKind(JournalKind::kReference, 3 * kMaxNumberSize);
+    PutNumber(inReference.track);
+    PutNumber(inReference.referenced);
+    PutNumber(inReference.type);
+}
+
+void JournalWriter::Add(const JournalProbe& inProbe)
+{
+    PutKind(JournalKind::kProbe, 3 * kMaxNumberSize);
+    PutNumber(static_cast<std::uint64_t>(inProbe.offset));
+    PutNumber(inProbe.size);
+    PutNumber(inProbe.checksum);
+}
+
+void JournalWriter::Add(JournalRevocation)
+{
+    PutKind(JournalKind::kRevocation, 0);
+}
+
+void JournalWriter::Add(JournalClosing)
+{
+    PutKind(JournalKind::kClosing, 0);
+}
+
+//! Begins a record whose fields take at most so many bytes, and leaves room for a sample behind it. Nothing has changed
+//! when memory fails.
+void JournalWriter::PutKind(JournalKind inKind, std::size_t inFieldSize)
+{
+    const std::size_t needed = mEnd + 1 + inFieldSize + kMaxSampleSize;
+    if (needed > mFrame.size())
+    {
+        mFrame.resize(std::max(needed, mFrame.size() + mFrame.size() / 2));
+    }
+    mMark.end = 0;
+    mFrame[mEnd++] = static_cast<std::uint8_t>(inKind);
+}
+
+void JournalWriter::PutNumber(std::uint64_t inNumber)
+{
+    mEnd = static_cast<std::size_t>(StoreNumber(mFrame.data() + mEnd, inNumber) - mFrame.data());
+}
+
+void JournalWriter::PutBytes(const void* inData, std::size_t inSize)
+{
+    PutNumber(inSize);
+    if (inSize > 0)
+    {
+        std::memcpy(mFrame.data() + mEnd, inData, inSize);
+        mEnd += inSize;
+    }
+}
+
+std::size_t JournalWriter::MaxSizeOf(const StoredDescription& inDescription)
+{
+    constexpr std::size_t kNumbers = 16;
+    return inDescription.entry.size() + kNumbers * kMaxNumberSize;
+}
+
+// description = entry hasGeometry [width height aspect(2) hasAperture [aperture(8)]]
+void JournalWriter::PutDescription(const StoredDescription& inDescription)
+{
+    PutBytes(inDescription.entry.data(), inDescription.entry.size());
+    PutNumber(inDescription.geometry ? 1 : 0);
+    if (!inDescription.geometry)
+    {
+        return;
+    }
+    const StoredGeometry& geometry = *inDescription.geometry;
+    PutNumber(Bits32(geometry.width));
+    PutNumber(Bits32(geometry.height));
+    PutNumber(geometry.aspectNumerator);
+    PutNumber(geometry.aspectDenominator);
+    PutNumber(geometry.aperture ? 1 : 0);
+    if (!geometry.aperture)
+    {
+        return;
+    }
+    PutNumber(geometry.aperture->widthN);
+    PutNumber(geometry.aperture->widthD);
+    PutNumber(geometry.aperture->heightN);
+    PutNumber(geometry.aperture->heightD);
+    PutNumber(Bits32(geometry.aperture->horizOffN));
+    PutNumber(geometry.aperture->horizOffD);
+    PutNumber(Bits32(geometry.aperture->vertOffN));
+    PutNumber(geometry.aperture->vertOffD);
+}
+
+// ---- File -----------------------------------------------------------------------------------------------------------
+
+// On disk afterwards, behind the last whole frame: this one. After a failure perhaps a part of it, which no reader takes
+// for a frame and the next attempt writes over.
+Tolbin::Result JournalWriter::Write()
+{
+    if (mEnd == sizeof(JournalFrameHeader))
+    {
+        return Tolbin::kResultSuccess;
+    }
+    JournalFrameHeader header;
+    header.size = Low32(mEnd - sizeof(header)); // Items of user data stay below 2 GiB.
+    header.checksum = ChecksumOfFrame(static_cast<std::uint64_t>(mOffset), mFrame.data() + sizeof(header), header.size);
+    std::memcpy(mFrame.data(), &header, sizeof(header));
+
+    Tolbin::Result result = mFile.SetFilePointer(mOffset, Ventra::FilePointerMoveMethod::kBegin);
+    if (result < 0)
+    {
+        return result;
+    }
+    unsigned int written = 0;
+    result = mFile.Write(mFrame.data(), Low32(mEnd), written);
+    if (result < 0)
+    {
+        return result;
+    }
+    if (written != mEnd)
+    {
+        return Tolbin::kResultShortWrite;
+    }
+    mOffset += static_cast<std::int64_t>(mEnd);
+    mEnd = sizeof(header);
+    mMark.end = 0;
+    return Tolbin::kResultSuccess;
+}
+
+Tolbin::Result JournalWriter::WriteThrough()
+{
+    const Tolbin::Result result = Write();
+    return result < 0 ? result : mFile.Sync();
+}
+
+Tolbin::Result JournalWriter::Close()
+{
+    return mFile.Close();
+}
+
+} // namespace QT

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "JournalRecords.h"
+
+#include <Tolbin/Result.h>
+#include <Tolbin/UTF16String.h>
+#include <Ventra/File.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace QT
+{
+
+//! Writes a journal. Records are collected in memory and go to the file in one frame; what could not be written stays
+//! collected, and the next attempt begins at the same place of the file.
+class JournalWriter
+{
+public:
+    //! Creates the journal, which must not exist, and writes its header.
+    Tolbin::Result Create(const Tolbin::UTF16String& inPath);
+
+    //! Whether so much is collected that it should be written before more is.
+    bool IsFull() const { return mEnd >= kFullSize; }
+
+    //! Room for it must have been made: `IsFull` is false. Throws nothing.
+    void AddSample(const JournalSample& inSample);
+
+    //! Takes back the record that `AddSample` added last, if it was not written yet; false when it was.
+    bool TakeBackSample();
+
+    void AddTrack(const JournalTrack& inTrack);
+    void Add(const JournalMovie& inMovie);
+    void Add(const JournalDescription& inDescription);
+    void Add(const JournalEndChunk& inEndChunk);
+    void Add(const JournalTrimIn& inTrimIn);
+    void Add(const JournalUserData& inUserData);
+    void Add(const JournalReference& inReference);
+    void Add(const JournalProbe& inProbe);
+    void Add(JournalRevocation inRevocation);
+    void Add(JournalClosing inClosing);
+
+    //! Writes what is collected.
+    Tolbin::Result Write();
+
+    //! `Write`, and returns once it is on the device.
+    Tolbin::Result WriteThrough();
+
+    Tolbin::Result Close();
+
+private:
+    static constexpr std::size_t kFullSize = 64 * 1024;
+    static constexpr std::size_t kMaxNumberSize = 10;                     //!< 64 bits, 7 a byte.
+    static constexpr std::size_t kMaxSampleSize = 1 + 5 * kMaxNumberSize; //!< Flags and fields.
+
+    static std::size_t MaxSizeOf(const StoredDescription& inDescription);
+    void PutKind(JournalKind inKind, std::size_t inFieldSize);
+    void PutNumber(std::uint64_t inNumber);
+    void PutBytes(const void* inData, std::size_t inSize);
+    void PutDescription(const StoredDescription& inDescription);
+
+    Ventra::File mFile;
+    std::int64_t mOffset = 0;                      //!< Where the next frame goes.
+    std::vector<std::uint8_t> mFrame;              //!< The next frame: its header, the records, room.
+    std::size_t mEnd = sizeof(JournalFrameHeader); //!< Of the records in it.
+    std::uint64_t mTrack = 0;                      //!< Of the last sample.
+    std::vector<JournalSample> mLast;              //!< By track: its last sample.
+
+    //! How things stood before the last sample.
+    struct Mark
+    {
+        std::size_t end = 0; //!< 0: written since.
+        std::uint64_t track = 0;
+        JournalSample last;
+    };
+    Mark mMark;
+};
+
+} // namespace QT

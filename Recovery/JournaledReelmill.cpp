@@ -1,0 +1,346 @@
+#include "JournalWriter.h"
+#include "PrivateReelmill.h"
+
+#include <Reelmill/Recovery.h>
+#include <Ventra/FileSystem.h>
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <vector>
+
+namespace QT
+{
+
+namespace
+{
+
+constexpr TrackID kFirstTrackID = 256;
+constexpr std::uint32_t kMaxProbeSize = 4096;
+
+//! Brings a file that others write to the device.
+Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
+{
+    Ventra::File file;
+    const Tolbin::Result result =
+        file.Create(inPath, Ventra::FileAccessFlags::kWrite, Ventra::FileShareModeFlags::kReadWrite,
+                    Ventra::FileCreateDispositionFlags::kOpenExisting, Ventra::FileAttributesFlags::kNormal, false);
+    return result < 0 ? result : file.Sync();
+}
+
+//! How many bytes at the end are zero.
+std::uint32_t CountZeros(const void* inData, int inSize)
+{
+    const auto* const begin = static_cast<const char*>(inData);
+    const char* end = begin + inSize;
+    while (end != begin && end[-1] == 0)
+    {
+        --end;
+    }
+    return static_cast<std::uint32_t>(begin + inSize - end);
+}
+
+} // namespace
+
+//! Forwards every call to a writer and puts what succeeded into the journal. A sample's record is written before the
+//! sample whose bytes make a block go to disk, so that no media on disk is unknown to the journal on disk.
+class JournaledReelmill final : public Reelmill
+{
+public:
+    explicit JournaledReelmill(const Tolbin::UTF16String& inJournalPath) : mJournalPath(inJournalPath) {}
+
+    Tolbin::Result Create(Tolbin::UTF16String inPath, int inMovieTimeScale) override
+    {
+        if (mWasCreated)
+        {
+            return kQTErrBadState;
+        }
+        mWasCreated = true;
+        mPath = inPath;
+        if (mJournalPath.empty())
+        {
+            mJournalPath = inPath + u".journal";
+        }
+        Tolbin::Result result = mJournal.Create(mJournalPath);
+        if (result < 0)
+        {
+            // One that was there before is left alone.
+            static_cast<void>(mJournal.Close());
+            return result;
+        }
+        result = mWriter->Create(inPath, inMovieTimeScale);
+        if (result >= 0)
+        {
+            const MovieStart start = mWriter->GetStart();
+            mJournal.Add(JournalMovie{start.movieTimeScale, start.placeholderSize, start.creationTime});
+            const Tolbin::Result journalResult = mJournal.WriteThrough();
+            result = journalResult < 0 ? journalResult : result;
+        }
+        if (result >= 0)
+        {
+            const Tolbin::Result syncResult = SyncFile(mPath);
+            result = syncResult < 0 ? syncResult : result;
+        }
+        if (result < 0)
+        {
+            Abandon();
+            static_cast<void>(Ventra::FileSystem::Current().Remove(mJournalPath)); // There is nothing to recover.
+            return result;
+        }
+        return result;
+    }
+
+    Tolbin::Result NewMovieTrack(MediaType inMediaType, int inTimeScale, int inWidth, int inHeight,
+                                 boost::shared_ptr<QTSampleDescription> inSampleDescription,
+                                 TrackID& outTrackID) override
+    {
+        const Tolbin::Result result =
+            mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription, outTrackID);
+        if (result < 0)
+        {
+            return result;
+        }
+        try
+        {
+            mDescriptions.push_back({inSampleDescription, StoreDescription(*inSampleDescription)});
+            mJournal.AddTrack({inMediaType, inTimeScale, inWidth, inHeight, mDescriptions.back().stored});
+        }
+        catch (...)
+        {
+            mFailure = Tolbin::kResultOutOfMemory; // The journal lacks a track that the movie has.
+            throw;
+        }
+        return mJournal.Write();
+    }
+
+    Tolbin::Result AddMediaSample(TrackID inTrackID, void* inData, int inDataSize, std::int32_t inSampleCount,
+                                  std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag) override
+    {
+        const TrackID track = inTrackID - kFirstTrackID;
+        const bool isRefused = track >= mDescriptions.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0;
+        if (isRefused)
+        {
+            return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
+                                           inAuxFlag);
+        }
+        if (mFailure < 0)
+        {
+            return mFailure;
+        }
+        if (mJournal.IsFull())
+        {
+            const Tolbin::Result result = mJournal.Write();
+            if (result < 0)
+            {
+                return result;
+            }
+        }
+        const std::int64_t offset = mWriter->GetMediaEnd();
+        const JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, CountZeros(inData, inDataSize)};
+        if (offset + inDataSize < mBlockEnd)
+        {
+            const Tolbin::Result result = mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount,
+                                                                  inSampleDuration, inAuxValue, inAuxFlag);
+            if (result >= 0)
+            {
+                mJournal.AddSample(sample);
+            }
+            return result;
+        }
+        return AddProbedSample(sample, offset, inTrackID, inData, inAuxValue, inAuxFlag);
+    }
+
+    Tolbin::Result EndMediaChunk(TrackID inTrackID) override
+    {
+        const Tolbin::Result result = mWriter->EndMediaChunk(inTrackID);
+        if (result >= 0)
+        {
+            mJournal.Add(JournalEndChunk{inTrackID - kFirstTrackID});
+        }
+        return result;
+    }
+
+    Tolbin::Result AddTextMediaSample(TrackID inTrackID, const Tolbin::UTF16String& inText, int inDuration) override
+    {
+        Tolbin::utility::BinaryDataArray sample;
+        if (inTrackID - kFirstTrackID >= mDescriptions.size() || MakeTextSample(inText, sample) < 0)
+        {
+            return mWriter->AddTextMediaSample(inTrackID, inText, inDuration); // Refuses.
+        }
+        return AddMediaSample(inTrackID, sample.data(), static_cast<int>(sample.size()), 1, inDuration, 0, false);
+    }
+
+    Tolbin::Result AddTrackUserData(TrackID inTrackID, int inUserDataType, void* inData, int inDataSize) override
+    {
+        const Tolbin::Result result = mWriter->AddTrackUserData(inTrackID, inUserDataType, inData, inDataSize);
+        return result < 0 ? result : AddUserDataRecord(inTrackID - kFirstTrackID, inUserDataType, inData, inDataSize);
+    }
+
+    Tolbin::Result AddUserData(int inUserDataType, void* inData, int inDataSize) override
+    {
+        const Tolbin::Result result = mWriter->AddUserData(inUserDataType, inData, inDataSize);
+        return result < 0 ? result : AddUserDataRecord(JournalUserData::kMovie, inUserDataType, inData, inDataSize);
+    }
+
+    Tolbin::Result AddTrackReference(TrackID inTrackID, TrackID inReferencedTrackID,
+                                     TrackReferenceType inReferenceType) override
+    {
+        const Tolbin::Result result = mWriter->AddTrackReference(inTrackID, inReferencedTrackID, inReferenceType);
+        if (result < 0)
+        {
+            return result;
+        }
+        mJournal.Add(JournalReference{inTrackID - kFirstTrackID, inReferencedTrackID - kFirstTrackID,
+                                      static_cast<std::uint32_t>(inReferenceType)});
+        return mJournal.Write();
+    }
+
+    Tolbin::Result SetTrackTrimIn(TrackID inTrackID, int inTrimIn) override
+    {
+        const Tolbin::Result result = mWriter->SetTrackTrimIn(inTrackID, inTrimIn);
+        if (result < 0)
+        {
+            return result;
+        }
+        mJournal.Add(JournalTrimIn{inTrackID - kFirstTrackID, inTrimIn});
+        return mJournal.Write();
+    }
+
+    // On disk before: the movie as far as it was written, the journal. Afterwards: the finished movie; or the journal,
+    // complete, and a movie that holds no more and no less media than before the step that failed.
+    Tolbin::Result Close() override
+    {
+        Tolbin::Result result = mWriter->Flush(); // Tells whether the movie is open.
+        if (result < 0)
+        {
+            return result;
+        }
+        result = mFailure;
+        if (result >= 0)
+        {
+            AddChangedDescriptions();
+            mJournal.Add(JournalClosing());
+            result = mJournal.WriteThrough();
+        }
+        if (result >= 0)
+        {
+            result = mWriter->CloseMedia();
+        }
+        if (result < 0)
+        {
+            Abandon();
+            return result;
+        }
+        const Tolbin::Result closeResult = mWriter->Close();
+        mDescriptions.clear(); // Later calls are for the writer to refuse.
+        result = closeResult < 0 ? closeResult : mWriter->GetPlaceholderResult();
+        if (result >= 0)
+        {
+            result = SyncFile(mPath);
+        }
+        static_cast<void>(mJournal.Close()); // All of it was brought to the device.
+        if (result >= 0)
+        {
+            result = Ventra::FileSystem::Current().Remove(mJournalPath);
+        }
+        return result < 0 ? result : closeResult;
+    }
+
+    Tolbin::Result Flush() override { return mWriter->Flush(); }
+
+    int GetMovieDuration() override { return mWriter->GetMovieDuration(); }
+
+private:
+    struct Description
+    {
+        boost::shared_ptr<QTSampleDescription> description;
+        StoredDescription stored; //!< As the journal has it.
+    };
+
+    //! Adds a sample that makes a block go to disk, or the first: once the journal is on the device.
+    Tolbin::Result AddProbedSample(const JournalSample& inSample, std::int64_t inOffset, TrackID inTrackID,
+                                   void* inData, std::int32_t inAuxValue, bool inAuxFlag)
+    {
+        AddChangedDescriptions();
+        if (const std::uint32_t size = std::min(Bits32(inSample.size), kMaxProbeSize); size > 0)
+        {
+            mJournal.Add(JournalProbe{inOffset, size, ChecksumOf(inData, size)});
+        }
+        mJournal.AddSample(inSample);
+        Tolbin::Result result = mJournal.WriteThrough();
+        if (result < 0)
+        {
+            if (!mJournal.TakeBackSample())
+            {
+                mJournal.Add(JournalRevocation());
+            }
+            return result;
+        }
+        try
+        {
+            result = mWriter->AddMediaSample(inTrackID, inData, inSample.size, inSample.count, inSample.duration,
+                                             inAuxValue, inAuxFlag);
+        }
+        catch (...)
+        {
+            mJournal.Add(JournalRevocation());
+            throw;
+        }
+        if (result < 0)
+        {
+            mFailure = result;
+            mJournal.Add(JournalRevocation());
+            static_cast<void>(mJournal.Write()); // The file ends before the sample does all the same.
+        }
+        if (inSample.size > 0)
+        {
+            mBlockEnd = mWriter->GetMediaEnd() + static_cast<std::int64_t>(mWriter->GetBlockRoom());
+        }
+        return result;
+    }
+
+    Tolbin::Result AddUserDataRecord(std::uint64_t inTrack, int inType, const void* inData, int inSize)
+    {
+        const auto* const bytes = static_cast<const std::uint8_t*>(inData);
+        mJournal.Add(JournalUserData{inTrack, inType, Tolbin::utility::BinaryDataArray(bytes, bytes + inSize)});
+        return mJournal.Write();
+    }
+
+    //! The writer asks for a description's bytes when it closes the movie: until then a host may change it.
+    void AddChangedDescriptions()
+    {
+        for (std::size_t track = 0; track < mDescriptions.size(); ++track)
+        {
+            StoredDescription stored = StoreDescription(*mDescriptions[track].description);
+            if (!(stored == mDescriptions[track].stored))
+            {
+                mJournal.Add(JournalDescription{track, stored});
+                mDescriptions[track].stored = std::move(stored);
+            }
+        }
+    }
+
+    //! Lets go of both files without writing to them. Every later call is out of order.
+    void Abandon()
+    {
+        mWriter = boost::make_shared<PrivateReelmill>();
+        mDescriptions.clear();
+        static_cast<void>(mJournal.Close());
+    }
+
+    Tolbin::UTF16String mJournalPath;
+    Tolbin::UTF16String mPath;
+    boost::shared_ptr<PrivateReelmill> mWriter = boost::make_shared<PrivateReelmill>();
+    JournalWriter mJournal;
+    std::vector<Description> mDescriptions; //!< By track.
+    std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
+    Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
+    bool mWasCreated = false;
+};
+
+boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath)
+{
+    return boost::make_shared<JournaledReelmill>(inJournalPath);
+}
+
+} // namespace QT

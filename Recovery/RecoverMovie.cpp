@@ -1,0 +1,502 @@
+#include "JournalReader.h"
+#include "PrivateReelmill.h"
+#include "QTAtomRecords.h"
+
+#include <Reelmill/Recovery.h>
+#include <Ventra/File.h>
+#include <Ventra/FileSystem.h>
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <vector>
+
+namespace QT
+{
+
+namespace
+{
+
+constexpr TrackID kFirstTrackID = 256;
+constexpr std::int64_t kFirstSpaceStep = 64 * 1024; //!< Left out beside the size of 'moov' when there is no room.
+
+Tolbin::Result OpenFile(Ventra::File& ioFile, const Tolbin::UTF16String& inPath, Ventra::FileAccessFlags::Type inAccess)
+{
+    return ioFile.Create(inPath, inAccess, Ventra::FileShareModeFlags::kReadWrite,
+                         Ventra::FileCreateDispositionFlags::kOpenExisting, Ventra::FileAttributesFlags::kNormal,
+                         false);
+}
+
+//! The movie file as it was found.
+class FoundMovie
+{
+public:
+    Tolbin::Result Open(const Tolbin::UTF16String& inPath)
+    {
+        Tolbin::Result result = OpenFile(mFile, inPath, Ventra::FileAccessFlags::kRead);
+        long long size = 0;
+        if (result >= 0)
+        {
+            result = mFile.GetSize(size);
+        }
+        mSize = size;
+        return result >= 0 ? FindContentEnd() : result;
+    }
+
+    std::int64_t GetSize() const { return mSize; }
+
+    //! Offset behind the last byte that is not zero.
+    std::int64_t GetContentEnd() const { return mContentEnd; }
+
+    //! Reads `inSize` bytes; `outIsWhole` is false where the file has fewer.
+    Tolbin::Result Read(std::int64_t inOffset, void* outData, std::size_t inSize, bool& outIsWhole)
+    {
+        outIsWhole = false;
+        Tolbin::Result result = mFile.SetFilePointer(inOffset, Ventra::FilePointerMoveMethod::kBegin);
+        unsigned int count = 0;
+        if (result >= 0)
+        {
+            result = mFile.Read(outData, Low32(inSize), count);
+        }
+        outIsWhole = result >= 0 && count == inSize;
+        return result;
+    }
+
+    //! Offset at which the media ends as 'mdat' says; the end of the file where it was not told yet.
+    Tolbin::Result GetMediaEnd(const MovieStart& inStart, std::int64_t& outEnd)
+    {
+        const std::int64_t wideOffset = inStart.GetMediaDataOffset() - std::int64_t{sizeof(qtn_MediaDataHeader64)};
+        big_uint32_t words[4];
+        bool isWhole = false;
+        const Tolbin::Result result = Read(wideOffset, words, sizeof(words), isWhole);
+        outEnd = mSize;
+        if (result < 0 || !isWhole)
+        {
+            return result;
+        }
+        const bool isLarge = words[0] == 1 && words[1] == FourCC("mdat");
+        const std::uint64_t size = isLarge ? std::uint64_t{words[2]} << 32 | words[3] : std::uint64_t{words[2]};
+        const std::int64_t start = isLarge ? wideOffset : wideOffset + kAtomHeaderSize;
+        if (size > std::uint64_t{kAtomHeaderSize} && size < static_cast<std::uint64_t>(mSize - start))
+        {
+            outEnd = start + static_cast<std::int64_t>(size);
+        }
+        return result;
+    }
+
+private:
+    Tolbin::Result FindContentEnd()
+    {
+        std::vector<char> piece(std::size_t{1} << 20);
+        for (mContentEnd = mSize; mContentEnd > 0;)
+        {
+            const auto size = std::min(mContentEnd, static_cast<std::int64_t>(piece.size()));
+            bool isWhole = false;
+            const Tolbin::Result result =
+                Read(mContentEnd - size, piece.data(), static_cast<std::size_t>(size), isWhole);
+            if (result < 0)
+            {
+                return result;
+            }
+            const auto end = std::find_if(piece.rend() - size, piece.rend(), [](char inByte) { return inByte != 0; });
+            mContentEnd -= end - (piece.rend() - size);
+            if (end != piece.rend())
+            {
+                break;
+            }
+        }
+        return Tolbin::kResultSuccess;
+    }
+
+    Ventra::File mFile;
+    std::int64_t mSize = 0;
+    std::int64_t mContentEnd = 0;
+};
+
+//! Plays a journal into a writer, as far as the media is in the file.
+class Replay
+{
+public:
+    //! \param inLimit  nothing behind this offset of the file counts
+    Replay(FoundMovie& ioMovie, std::int64_t inLimit, RecoveryReport& outReport)
+        : mMovie(ioMovie), mLimit(inLimit), mReport(outReport)
+    {
+    }
+
+    Tolbin::Result Run(const Tolbin::UTF16String& inJournalPath)
+    {
+        JournalReader journal;
+        Tolbin::Result result = journal.Open(inJournalPath);
+        while (result >= 0)
+        {
+            std::optional<JournalRecord> record;
+            result = journal.Read(record);
+            if (!record)
+            {
+                break;
+            }
+            result = std::visit([this](auto& ioRecord) { return Take(ioRecord); }, *record);
+        }
+        mReport.journalBytesTorn = result >= 0 ? journal.GetTornSize() : 0;
+        return result >= 0 ? Finish() : result;
+    }
+
+    PrivateReelmill& GetWriter() { return *mWriter; }
+
+    //! Where the media ends that is kept.
+    std::int64_t GetMediaEnd() const { return mKeptEnd; }
+
+private:
+    Tolbin::Result Take(const JournalMovie& inMovie)
+    {
+        if (mIsStarted)
+        {
+            return kQTErrBadJournal;
+        }
+        mIsStarted = true;
+        const MovieStart start{inMovie.timeScale, inMovie.placeholderSize, inMovie.creationTime};
+        mEnd = mKeptEnd = mContentEnd = start.GetMediaDataOffset();
+        mWriter->Resume(start);
+        qtn_FileTypeAtom found;
+        const qtn_FileTypeAtom expected;
+        bool isWhole = false;
+        Tolbin::Result result = mMovie.Read(0, &found, sizeof(found), isWhole);
+        if (result >= 0 && (!isWhole || std::memcmp(&found, &expected, sizeof(found)) != 0))
+        {
+            result = kQTErrOtherMovie;
+        }
+        return result >= 0 ? mMovie.GetMediaEnd(start, mStatedEnd) : result;
+    }
+
+    Tolbin::Result Take(const JournalTrack& inTrack)
+    {
+        CommitSample();
+        TrackID trackID = 0;
+        return mWriter->NewMovieTrack(static_cast<MediaType>(inTrack.mediaType), inTrack.timeScale, inTrack.width,
+                                      inTrack.height, MakeDescription(inTrack.description), trackID);
+    }
+
+    Tolbin::Result Take(const JournalDescription& inDescription)
+    {
+        mWriter->GetTracks().at(kFirstTrackID + inDescription.track).sampleDescription =
+            MakeDescription(inDescription.description);
+        return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Take(const JournalSample& inSample)
+    {
+        CommitSample();
+        mSample = inSample;
+        return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Take(JournalRevocation)
+    {
+        mSample.reset();
+        return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Take(const JournalEndChunk& inEndChunk)
+    {
+        CommitSample();
+        return mIsBehindEnd ? Tolbin::kResultSuccess : mWriter->EndMediaChunk(kFirstTrackID + inEndChunk.track);
+    }
+
+    Tolbin::Result Take(const JournalTrimIn& inTrimIn)
+    {
+        return mWriter->SetTrackTrimIn(kFirstTrackID + inTrimIn.track, inTrimIn.trimIn);
+    }
+
+    Tolbin::Result Take(JournalUserData& ioUserData)
+    {
+        ioUserData.payload.reserve(1);                                // An empty item has a pointer too.
+        const int size = static_cast<int>(ioUserData.payload.size()); // The writer has taken it once.
+        return ioUserData.track == JournalUserData::kMovie
+                   ? mWriter->AddUserData(ioUserData.type, ioUserData.payload.data(), size)
+                   : mWriter->AddTrackUserData(kFirstTrackID + ioUserData.track, ioUserData.type,
+                                               ioUserData.payload.data(), size);
+    }
+
+    Tolbin::Result Take(const JournalReference& inReference)
+    {
+        return mWriter->AddTrackReference(kFirstTrackID + inReference.track, kFirstTrackID + inReference.referenced,
+                                          static_cast<TrackReferenceType>(inReference.type));
+    }
+
+    Tolbin::Result Take(const JournalProbe& inProbe)
+    {
+        mProbes.push_back(inProbe);
+        return Tolbin::kResultSuccess;
+    }
+
+    Tolbin::Result Take(JournalClosing)
+    {
+        CommitSample();
+        mIsClosing = true;
+        return Tolbin::kResultSuccess;
+    }
+
+    //! The latest sample was not revoked: it counts, if it is whole.
+    void CommitSample()
+    {
+        if (!mSample)
+        {
+            return;
+        }
+        const std::int64_t offset = mEnd;
+        const auto count = static_cast<std::uint64_t>(mSample->count);
+        mEnd += mSample->size;
+        if (mSample->zeros != Bits32(mSample->size))
+        {
+            mContentEnd = mEnd - mSample->zeros;
+        }
+        mIsBehindEnd = mIsBehindEnd || mEnd > mLimit || mContentEnd > mMovie.GetContentEnd();
+        (mIsBehindEnd ? mReport.samplesDropped : mReport.samplesKept) += count;
+        if (!mIsBehindEnd)
+        {
+            mWriter->RestoreMediaSample(kFirstTrackID + mSample->track, offset, mSample->size, mSample->count,
+                                        mSample->duration);
+            mReport.bytesKept += Bits32(mSample->size);
+            mKeptEnd = mEnd;
+        }
+        mSample.reset();
+    }
+
+    Tolbin::Result Finish()
+    {
+        if (!mIsStarted)
+        {
+            return kQTErrNothingWhole;
+        }
+        CommitSample();
+        const Tolbin::Result result = CheckProbes();
+        if (result < 0)
+        {
+            return result;
+        }
+        if (mReport.samplesKept == 0)
+        {
+            return kQTErrNothingWhole;
+        }
+        if (!mIsClosing && !mIsBehindEnd)
+        {
+            // The journal has lost its end. What it does not tell of is not lost with it.
+            const std::int64_t end = std::min({mLimit, mStatedEnd, mMovie.GetContentEnd()});
+            mReport.bytesUnknown = static_cast<std::uint64_t>(std::max<std::int64_t>(0, end - mKeptEnd));
+            mKeptEnd = std::max(mKeptEnd, end);
+        }
+        for (auto& [trackID, track] : mWriter->GetTracks())
+        {
+            Tolbin::utility::BinaryDataArray entry;
+            track.sampleDescription->GetAsBinary(entry);
+            if (entry.empty())
+            {
+                track.samples.clear(); // The writer would not close the movie.
+            }
+            ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
+        }
+        if (!mIsClosing || mIsBehindEnd)
+        {
+            FitTracksToMedia();
+        }
+        mWriter->SetMediaEnd(mKeptEnd);
+        return Tolbin::kResultSuccess;
+    }
+
+    //! The first place that can be looked at tells whether it is this movie.
+    Tolbin::Result CheckProbes()
+    {
+        bool isKnown = false;
+        for (const JournalProbe& probe : mProbes)
+        {
+            if (probe.offset < 0 || probe.size > std::numeric_limits<std::uint16_t>::max() ||
+                probe.offset + probe.size > mKeptEnd)
+            {
+                continue;
+            }
+            std::vector<char> content(probe.size);
+            bool isWhole = false;
+            const Tolbin::Result result = mMovie.Read(probe.offset, content.data(), content.size(), isWhole);
+            if (result < 0)
+            {
+                return result;
+            }
+            const bool isSame = isWhole && ChecksumOf(content.data(), content.size()) == probe.checksum;
+            if (!isSame && !isKnown)
+            {
+                return kQTErrOtherMovie;
+            }
+            isKnown = true;
+            mReport.damagedPlaces += isSame ? 0 : 1;
+        }
+        return Tolbin::kResultSuccess;
+    }
+
+    static bool IsMedia(const TrackRec& inTrack)
+    {
+        return inTrack.mediaType == kQTMediaTypeVideo || inTrack.mediaType == kQTMediaTypeSound;
+    }
+
+    //! In media units.
+    static std::int64_t EndOf(const TrackRec& inTrack)
+    {
+        return inTrack.samples.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
+    }
+
+    //! The movie ends earlier than was planned: what goes along with picture and sound (timecode, text, captions) ends
+    //! with them, and timecode lasts until then.
+    void FitTracksToMedia()
+    {
+        double seconds = 0;
+        for (const auto& [trackID, track] : mWriter->GetTracks())
+        {
+            if (IsMedia(track) && track.timeScale > 0)
+            {
+                seconds = std::max(seconds, static_cast<double>(EndOf(track)) / track.timeScale);
+            }
+        }
+        for (auto& [trackID, track] : mWriter->GetTracks())
+        {
+            const double end = std::round(seconds * track.timeScale);
+            if (!IsMedia(track) && end > 0 && end <= std::numeric_limits<std::int32_t>::max())
+            {
+                FitTrack(track, static_cast<std::int32_t>(end));
+            }
+        }
+    }
+
+    void FitTrack(TrackRec& ioTrack, std::int32_t inEnd)
+    {
+        while (EndOf(ioTrack) > inEnd)
+        {
+            MediaSampleRec& last = ioTrack.samples.back();
+            const std::int64_t start = EndOf(ioTrack) - last.sampleDuration;
+            if (last.sampleCount != 1 || last.sampleDuration <= 0)
+            {
+                return; // No such track as it says to be.
+            }
+            ioTrack.duration -= last.sampleDuration;
+            if (start < inEnd)
+            {
+                last.sampleDuration = static_cast<std::int32_t>(inEnd - start);
+                ioTrack.duration += last.sampleDuration;
+                break;
+            }
+            ioTrack.samples.pop_back();
+            ++mReport.samplesCut;
+        }
+        const std::int64_t missing = inEnd - EndOf(ioTrack);
+        if (ioTrack.mediaType == kQTMediaTypeTimecode && !ioTrack.samples.empty() && missing > 0 &&
+            ioTrack.samples.back().sampleCount == 1)
+        {
+            ioTrack.samples.back().sampleDuration += static_cast<std::int32_t>(missing);
+            ioTrack.duration += static_cast<std::int32_t>(missing);
+        }
+    }
+
+    FoundMovie& mMovie;
+    std::int64_t mLimit;
+    RecoveryReport& mReport;
+    boost::shared_ptr<PrivateReelmill> mWriter = boost::make_shared<PrivateReelmill>();
+    std::optional<JournalSample> mSample; //!< The latest, which may still be revoked.
+    std::vector<JournalProbe> mProbes;
+    std::int64_t mEnd = 0;        //!< File offset behind the samples so far, whole or not.
+    std::int64_t mKeptEnd = 0;    //!< Behind the last that is whole.
+    std::int64_t mContentEnd = 0; //!< Behind the last byte of theirs that is not zero.
+    std::int64_t mStatedEnd = 0;  //!< Of the media, as the file says.
+    bool mIsStarted = false;
+    bool mIsClosing = false;
+    bool mIsBehindEnd = false; //!< A sample was not whole: those behind it are not either.
+};
+
+bool IsNoSpace(Tolbin::Result inResult)
+{
+    const int error = Tolbin::SystemErrorFromResult(inResult);
+    return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
+Tolbin::Result FinishMovie(PrivateReelmill& ioWriter, const Tolbin::UTF16String& inPath)
+{
+    Tolbin::Result result = ioWriter.OpenResumed(inPath);
+    if (result >= 0)
+    {
+        result = ioWriter.Close();
+    }
+    if (result >= 0)
+    {
+        result = ioWriter.GetPlaceholderResult();
+    }
+    Ventra::File file;
+    if (result >= 0)
+    {
+        result = OpenFile(file, inPath, Ventra::FileAccessFlags::kWrite);
+    }
+    return result >= 0 ? file.Sync() : result;
+}
+
+} // namespace
+
+Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& outReport,
+                            const RecoveryOptions& inOptions)
+{
+    const Tolbin::UTF16String journalPath =
+        inOptions.journalPath.empty() ? inMovie + u".journal" : inOptions.journalPath;
+    std::int64_t limit = std::numeric_limits<std::int64_t>::max();
+    std::uint64_t mostKept = 0;
+    for (std::int64_t step = kFirstSpaceStep;; step *= 2)
+    {
+        outReport = RecoveryReport();
+        FoundMovie movie;
+        Tolbin::Result result = movie.Open(inMovie);
+        if (result < 0)
+        {
+            return result;
+        }
+        Replay replay(movie, std::min(limit, movie.GetSize()), outReport);
+        result = replay.Run(journalPath);
+        if (result < 0)
+        {
+            return result;
+        }
+        PrivateReelmill& writer = replay.GetWriter();
+        mostKept = std::max(mostKept, outReport.samplesKept);
+        outReport.samplesDroppedForSpace = mostKept - outReport.samplesKept;
+        outReport.samplesDropped -= std::min(outReport.samplesDropped, outReport.samplesDroppedForSpace);
+        outReport.movieTimeScale = writer.GetStart().movieTimeScale;
+        outReport.movieDuration = writer.GetMovieDuration();
+        Tolbin::utility::BinaryDataArray movieAtom;
+        result = writer.MakeMooVAtom(movieAtom);
+        if (result < 0)
+        {
+            return result;
+        }
+        outReport.movieAtomSize = movieAtom.size();
+        outReport.isMovieAtomInFront = writer.FitsPlaceholder(movieAtom.size());
+        const auto mediaEnd = static_cast<std::uint64_t>(replay.GetMediaEnd());
+        outReport.movieSize = mediaEnd + (outReport.isMovieAtomInFront ? 0 : movieAtom.size());
+        outReport.bytesCut =
+            static_cast<std::uint64_t>(std::max<std::int64_t>(0, movie.GetSize() - replay.GetMediaEnd()));
+        movieAtom = {};
+        if (inOptions.dryRun)
+        {
+            return Tolbin::kResultSuccess;
+        }
+        result = FinishMovie(writer, inMovie);
+        if (result >= 0)
+        {
+            return inOptions.keepJournal ? Tolbin::kResultSuccess : Ventra::FileSystem::Current().Remove(journalPath);
+        }
+        if (!IsNoSpace(result) || !inOptions.dropsForSpace)
+        {
+            return result;
+        }
+        limit = replay.GetMediaEnd() - static_cast<std::int64_t>(outReport.movieAtomSize) - step;
+    }
+}
+
+} // namespace QT

@@ -1,0 +1,386 @@
+#include "Support/FailingFileSystem.h"
+#include "Support/MovieTest.h"
+#include "Support/RecordingFileSystem.h"
+#include "Support/SettingScope.h"
+
+#include <Reelmill/Recovery.h>
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+using QT::RecoverMovie;
+using QT::RecoveryOptions;
+using QT::RecoveryReport;
+using Tolbin::Result;
+using Tolbin::utility::BinaryDataArray;
+
+namespace
+{
+
+//! Says that all is on the device. Tests lose no power.
+class UnsyncedFileSystem final : public ForwardingFileSystem
+{
+public:
+    using ForwardingFileSystem::ForwardingFileSystem;
+
+    Result Sync(Handle) override { return 0; }
+};
+
+//! Takes of a journaled writer that is let go of before it was closed, as a process that died leaves them. Media goes
+//! out in blocks of 4096 bytes.
+class Recovery : public MovieTest
+{
+protected:
+    static constexpr int kSamples = 60;
+
+    //! A sample's bytes: some end in zeros, some are all zero, some are empty.
+    static std::string SampleOf(int inNumber)
+    {
+        std::minstd_rand random(static_cast<unsigned>(inNumber) + 1);
+        std::string data(random() % 700, 0);
+        if (inNumber % 11 != 3)
+        {
+            std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random() % 255 + 1); });
+            std::fill_n(data.rbegin(), inNumber % 5 == 1 ? data.size() / 3 : 0, 0);
+        }
+        return inNumber == 7 ? std::string() : data;
+    }
+
+    static boost::shared_ptr<QT::QTImageDescription> MakeVideo()
+    {
+        Tolbin::UTF16String name = u"Test";
+        auto video =
+            QT::CreateImageDescription(Code("apcn"), name, 720, 486, 24, Quorlan::kFieldTypeLowerFirst, {10, 11});
+        video->AddCleanAperture(704, 1, 480, 1, 0, 1, -1, 1);
+        return video;
+    }
+
+    //! The first `inCount` samples of the take, and what belongs to them.
+    void Play(QT::Reelmill& ioWriter, int inCount)
+    {
+        ASSERT_EQ(ioWriter.Create(path, 600), 0);
+        QT::TrackID tracks[3] = {};
+        const Quorlan::AudioChannelLayout stereo{Quorlan::kAudioChannelLabelLeft, Quorlan::kAudioChannelLabelRight};
+        const auto sound = QT::CreateSoundDescription(0, 2, 48000, Sambrel::kAudioSampleTypeInt16LE, stereo, false);
+        ASSERT_EQ(ioWriter.NewMovieTrack(QT::kQTMediaTypeVideo, 25, 720, 486, MakeVideo(), tracks[0]), 0);
+        ASSERT_EQ(ioWriter.NewMovieTrack(QT::kQTMediaTypeSound, 48000, 0, 0, sound, tracks[1]), 0);
+        ASSERT_EQ(ioWriter.NewMovieTrack(QT::kQTMediaTypeText, 600, 10, 10, QT::CreateTextDescription(), tracks[2]), 0);
+        ASSERT_EQ(ioWriter.AddTrackReference(tracks[0], tracks[2], QT::kQTTrackReferenceChapter), 0);
+        ASSERT_EQ(ioWriter.SetTrackTrimIn(tracks[1], 4800), 0);
+        char title[] = "title";
+        ASSERT_EQ(ioWriter.AddUserData(Code("name"), title, 5), 0);
+        ASSERT_EQ(ioWriter.AddTrackUserData(tracks[1], Code("name"), title, 0), 0);
+        for (int i = 0; i < inCount; ++i)
+        {
+            std::string data = SampleOf(i);
+            const QT::TrackID track = tracks[i % 2];
+            ASSERT_EQ(ioWriter.AddMediaSample(track, data.data(), static_cast<int>(data.size()), i % 2 == 0 ? 1 : 10,
+                                              i % 2 == 0 ? i % 4 : 192, 0, false),
+                      0);
+            if (i % 3 == 0)
+            {
+                ASSERT_EQ(ioWriter.EndMediaChunk(track), 0);
+            }
+        }
+    }
+
+    //! The movie that a plain writer makes of them.
+    BinaryDataArray MovieOf(int inCount)
+    {
+        const auto plain = QT::CreateReelmill();
+        Play(*plain, inCount);
+        EXPECT_EQ(plain->Close(), 0);
+        return TimelessMovie();
+    }
+
+    //! Leaves the take behind as it was when the process died, and its files' names with the numbers of `kSamples`.
+    void Abandon(int inCount)
+    {
+        std::filesystem::remove(directory.Path("movie.mov"));
+        std::filesystem::remove(Journal());
+        const auto journaled = QT::CreateJournaledReelmill();
+        Play(*journaled, inCount);
+    }
+
+    //! How many samples are whole in so many bytes of media.
+    static int WholeIn(std::int64_t inSize)
+    {
+        int count = 0;
+        for (std::int64_t end = 0; count < kSamples; ++count)
+        {
+            end += static_cast<std::int64_t>(SampleOf(count).size());
+            if (end > inSize)
+            {
+                break;
+            }
+        }
+        return count;
+    }
+
+    std::string Journal() const { return directory.Path("movie.mov.journal"); }
+
+    Result Recover(RecoveryReport& outReport, const RecoveryOptions& inOptions = {})
+    {
+        return RecoverMovie(path, outReport, inOptions);
+    }
+
+    //! All samples count for one in video, for ten in sound.
+    static std::uint64_t Counted(int inCount)
+    {
+        return static_cast<std::uint64_t>((inCount + 1) / 2 + inCount / 2 * 10);
+    }
+
+    UnsyncedFileSystem unsynced;
+    VolumeFileSystem volume{unsynced, Ventra::FileSystemType::kNFS, 4096};
+    Ventra::FileSystemScope scope{volume};
+    SettingScope setting{"Reelmill.NFSWriteSizeInKBytes", "4"};
+};
+
+TEST_F(Recovery, JournaledMovieIsThePlainOne)
+{
+    const BinaryDataArray plain = MovieOf(kSamples);
+    std::filesystem::remove(directory.Path("movie.mov"));
+    const auto journaled = QT::CreateJournaledReelmill();
+    Play(*journaled, kSamples);
+    EXPECT_TRUE(std::filesystem::exists(Journal()));
+    EXPECT_EQ(journaled->GetMovieDuration(), 720);
+    EXPECT_EQ(journaled->Close(), 0);
+    EXPECT_FALSE(std::filesystem::exists(Journal()));
+    EXPECT_SAME_BYTES(TimelessMovie(), plain);
+    EXPECT_EQ(journaled->Close(), QT::kQTErrBadState);
+    EXPECT_EQ(journaled->Create(path, 600), QT::kQTErrBadState);
+}
+
+TEST_F(Recovery, MovieIsThatOfTheSamplesThatAreWhole)
+{
+    for (const int count : {1, 12, 30, 45, kSamples})
+    {
+        Abandon(count);
+        const auto size = static_cast<std::int64_t>(std::filesystem::file_size(directory.Path("movie.mov")));
+        const int whole = std::min(count, WholeIn(size - kMediaOffset));
+        RecoveryReport report;
+        if (whole == 0)
+        {
+            EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole);
+            EXPECT_TRUE(std::filesystem::exists(Journal()));
+            continue;
+        }
+        ASSERT_EQ(Recover(report), 0) << count;
+        EXPECT_EQ(report.samplesKept, Counted(whole));
+        EXPECT_LE(report.samplesKept + report.samplesDropped, Counted(count));
+        EXPECT_FALSE(std::filesystem::exists(Journal()));
+        const BinaryDataArray recovered = TimelessMovie();
+        EXPECT_EQ(report.movieSize, recovered.size());
+        EXPECT_SAME_BYTES(recovered, MovieOf(whole)) << count;
+    }
+}
+
+TEST_F(Recovery, CutOrZeroedMovieKeepsWhatIsWhole)
+{
+    Abandon(kSamples);
+    const std::string movie = directory.Path("movie.mov");
+    const BinaryDataArray found = ReadFile(movie);
+    std::minstd_rand random(1);
+    RecoveryOptions options;
+    options.keepJournal = true;
+    for (int round = 0; round < 300; ++round)
+    {
+        const std::size_t cut = kMediaOffset + random() % (found.size() - kMediaOffset);
+        const bool isZeroed = round % 2 == 0;
+        std::string content(found.begin(), found.end());
+        isZeroed ? std::fill(content.begin() + static_cast<std::ptrdiff_t>(cut), content.end(), '\0')
+                 : content.resize(cut);
+        WriteFile(movie, content);
+        // A sample whose lost bytes were zero has lost nothing.
+        auto whole = static_cast<std::size_t>(WholeIn(static_cast<std::int64_t>(cut) - kMediaOffset));
+        std::int64_t end = kMediaOffset;
+        std::size_t number = 0;
+        for (; isZeroed && number < kSamples; ++number)
+        {
+            end += static_cast<std::int64_t>(SampleOf(static_cast<int>(number)).size());
+            if (end > static_cast<std::int64_t>(found.size()) ||
+                std::memcmp(found.data(), content.data(), static_cast<std::size_t>(end)) != 0)
+            {
+                break;
+            }
+        }
+        whole = isZeroed ? number : whole;
+        RecoveryReport report;
+        const Result result = Recover(report, options);
+        ASSERT_EQ(result, whole == 0 ? QT::kQTErrNothingWhole : 0) << "round " << round << ", cut at " << cut;
+        ASSERT_EQ(report.samplesKept, Counted(static_cast<int>(whole))) << "round " << round << ", cut at " << cut;
+        if (round % 20 < 2 && result == 0)
+        {
+            const BinaryDataArray recovered = TimelessMovie();
+            std::filesystem::rename(Journal(), directory.Path("kept"));
+            EXPECT_SAME_BYTES(recovered, MovieOf(static_cast<int>(whole))) << "round " << round;
+            std::filesystem::rename(directory.Path("kept"), Journal());
+        }
+    }
+}
+
+TEST_F(Recovery, TornJournalLosesNoMedia)
+{
+    Abandon(kSamples);
+    const std::string movie = directory.Path("movie.mov");
+    const BinaryDataArray found = ReadFile(movie);
+    const BinaryDataArray journal = ReadFile(Journal());
+    std::uint64_t kept = 0;
+    for (std::size_t cut = 0; cut < journal.size(); cut += 1 + cut % 7)
+    {
+        for (const bool isZeroed : {false, true})
+        {
+            std::string content(journal.begin(), journal.end());
+            isZeroed ? std::fill(content.begin() + static_cast<std::ptrdiff_t>(cut), content.end(), '\0')
+                     : content.resize(cut);
+            WriteFile(Journal(), content);
+            WriteFile(movie, std::string(found.begin(), found.end()));
+            RecoveryReport report;
+            const Result result = Recover(report);
+            if (cut < 16)
+            {
+                ASSERT_EQ(result, QT::kQTErrBadJournal) << cut;
+                continue;
+            }
+            if (result == QT::kQTErrNothingWhole)
+            {
+                ASSERT_EQ(kept, 0u) << cut;
+                continue;
+            }
+            ASSERT_EQ(result, 0) << cut;
+            ASSERT_GE(report.samplesKept, kept) << "a longer journal keeps no less";
+            kept = report.samplesKept;
+            const BinaryDataArray recovered = Movie();
+            ASSERT_GE(recovered.size(), found.size() - report.bytesCut);
+            ASSERT_TRUE(std::equal(found.begin() + kMediaOffset,
+                                   found.end() - static_cast<std::ptrdiff_t>(report.bytesCut),
+                                   recovered.begin() + kMediaOffset));
+            ASSERT_EQ(Big32(recovered, kMediaOffset - 8) - 8, report.bytesKept + report.bytesUnknown);
+        }
+    }
+    EXPECT_GT(kept, 0u);
+}
+
+TEST_F(Recovery, CanBeRunAgainAndDry)
+{
+    Abandon(kSamples);
+    const BinaryDataArray found = Movie();
+    RecoveryReport dry;
+    RecoveryOptions options;
+    options.dryRun = true;
+    ASSERT_EQ(Recover(dry, options), 0);
+    EXPECT_SAME_BYTES(Movie(), found);
+    options.dryRun = false;
+    options.keepJournal = true;
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report, options), 0);
+    EXPECT_EQ(report.samplesKept, dry.samplesKept);
+    EXPECT_EQ(report.movieSize, dry.movieSize);
+    EXPECT_EQ(report.bytesCut, dry.bytesCut);
+    const BinaryDataArray recovered = Movie();
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_SAME_BYTES(Movie(), recovered);
+    EXPECT_EQ(Recover(report), Tolbin::ResultFromSystemError(ENOENT)) << "no journal any more";
+    EXPECT_SAME_BYTES(Movie(), recovered);
+}
+
+TEST_F(Recovery, RefusesTheJournalOfAnotherMovie)
+{
+    Abandon(kSamples);
+    std::filesystem::rename(Journal(), directory.Path("kept"));
+    const auto other = QT::CreateReelmill();
+    ASSERT_EQ(other->Create(path, 600), 0);
+    QT::TrackID track = 0;
+    ASSERT_EQ(other->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, QT::CreateTextDescription(), track), 0);
+    for (int i = 0; i < kSamples; ++i)
+    {
+        std::string data(1000, 'x');
+        ASSERT_EQ(other->AddMediaSample(track, data.data(), 1000, 1, 1, 0, false), 0);
+    }
+    ASSERT_EQ(other->Close(), 0);
+    const BinaryDataArray before = Movie();
+    RecoveryReport report;
+    RecoveryOptions options;
+    options.journalPath = directory.Path16("kept");
+    EXPECT_EQ(Recover(report, options), QT::kQTErrOtherMovie);
+    WriteFile(directory.Path("movie.mov"), "not a movie at all");
+    EXPECT_EQ(Recover(report, options), QT::kQTErrOtherMovie);
+    options.journalPath = path;
+    EXPECT_EQ(Recover(report, options), QT::kQTErrBadJournal);
+    EXPECT_TRUE(std::filesystem::exists(directory.Path("kept")));
+}
+
+TEST_F(Recovery, UnfinishedMovieIsNotWrittenOver)
+{
+    Abandon(kSamples);
+    const BinaryDataArray found = Movie();
+    const auto again = QT::CreateJournaledReelmill();
+    EXPECT_EQ(again->Create(path, 600), Tolbin::ResultFromSystemError(EEXIST));
+    EXPECT_SAME_BYTES(Movie(), found);
+    EXPECT_TRUE(std::filesystem::exists(Journal()));
+}
+
+//! A movie that would have lasted longer: timecode and a chapter were written for all of it.
+TEST_F(Recovery, SideTracksEndWithPictureAndSound)
+{
+    const auto journaled = QT::CreateJournaledReelmill();
+    ASSERT_EQ(journaled->Create(path, 100), 0);
+    QT::TrackID video = 0, timecode = 0, shortTimecode = 0, chapters = 0;
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
+                                       QT::CreateTimecodeDescription(25, 1, 25, false), timecode),
+              0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
+                                       QT::CreateTimecodeDescription(25, 1, 25, false), shortTimecode),
+              0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeText, 1000, 0, 0, QT::CreateTextDescription(), chapters), 0);
+    char counter[4] = {0, 0, 0, 1};
+    ASSERT_EQ(journaled->AddMediaSample(timecode, counter, 4, 1, 25 * 3600, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(shortTimecode, counter, 4, 1, 1, 0, false), 0);
+    ASSERT_EQ(journaled->AddTextMediaSample(chapters, u"One", 100), 0);
+    ASSERT_EQ(journaled->AddTextMediaSample(chapters, u"Two", 60000), 0);
+    ASSERT_EQ(journaled->AddTextMediaSample(chapters, u"Three", 60000), 0);
+    for (int i = 0; i < 50; ++i)
+    {
+        std::string data(1000, static_cast<char>(i + 1));
+        ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 1000, 1, 1, 0, false), 0);
+    }
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_EQ(report.samplesKept, 49u + 5u) << "12 blocks of 4096 bytes hold the small samples and 49 frames";
+    EXPECT_EQ(report.samplesCut, 1u) << "the third chapter";
+    EXPECT_EQ(report.movieDuration, 49 * 4);
+    const BinaryDataArray movie = Movie();
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[1]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[2]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[3]/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #100 #1 #1860");
+}
+
+TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
+{
+    const auto journaled = QT::CreateJournaledReelmill();
+    const auto video = MakeVideo();
+    ASSERT_EQ(journaled->Create(path, 100), 0);
+    QT::TrackID track = 0;
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, video, track), 0);
+    video->SetVendorFourCC(QT::FourCC("abcd"));
+    for (int i = 0; i < 10; ++i)
+    {
+        std::string data(1000, 'x');
+        ASSERT_EQ(journaled->AddMediaSample(track, data.data(), 1000, 1, 1, 0, false), 0);
+    }
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    BinaryDataArray entry;
+    video->GetAsBinary(entry);
+    const BinaryDataArray atom = FindAtom(Movie(), "moov/trak/mdia/minf/stbl/stsd");
+    EXPECT_SAME_BYTES(BinaryDataArray(atom.begin() + 16, atom.end()), entry);
+    EXPECT_EQ(FindAtom(Movie(), "moov/trak/tapt").size(), 68u);
+}
+
+} // namespace
