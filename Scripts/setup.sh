@@ -16,7 +16,8 @@ testPackages=(
     gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
 )
 showPackages=(ffmpeg)
-checkPackages=(clang clang-format clang-tidy clang-tools libclang-rt-14-dev valgrind)
+fuzzPackages=(clang libclang-rt-14-dev)
+checkPackages=("${fuzzPackages[@]}" clang-format clang-tidy clang-tools valgrind)
 
 # Installs what is missing of the packages given; silent when nothing is.
 ensurePackages()
