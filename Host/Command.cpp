@@ -9,6 +9,7 @@
 #include "MediaSource.h"
 #include "VerifyFiles.h"
 #include "Wrap.h"
+#include "WrapReport.h"
 
 #include <CLI/CLI.hpp>
 
@@ -17,6 +18,7 @@
 #include <fmt/format.h>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -33,8 +35,15 @@ struct Streams
     std::ostream& err;
 };
 
-Progress::Style ProgressStyle(const std::ostream& inStream, bool inIsQuiet)
+//! The style that was asked for; without one it goes by where the stream leads.
+Progress::Style ProgressStyle(const std::ostream& inStream, bool inIsQuiet, const std::string& inChoice)
 {
+    if (!inChoice.empty())
+    {
+        return inChoice == "tty"    ? Progress::Style::kTerminal
+               : inChoice == "json" ? Progress::Style::kJson
+                                    : Progress::Style::kLines;
+    }
     if (inIsQuiet)
     {
         return Progress::Style::kQuiet;
@@ -43,24 +52,16 @@ Progress::Style ProgressStyle(const std::ostream& inStream, bool inIsQuiet)
     return isTerminal ? Progress::Style::kTerminal : Progress::Style::kLines;
 }
 
-void PrintSummary(const WrapSummary& inSummary, std::ostream& out)
+void PrintError(std::ostream& err, const std::string& inSentence)
 {
-    const MovieLayout& layout = inSummary.layout;
-    out << fmt::format("{}: {}, {}\n", inSummary.output.string(), FormatSeconds(inSummary.seconds),
-                       FormatBytes(layout.fileSize));
-    int number = 0;
-    for (const WrapSummary::Track& track : inSummary.tracks)
-    {
-        out << fmt::format("  track {}: {}, {}; {} {}, {}, {}", ++number, track.kind, track.format, track.samples,
-                           track.kind == "video" ? "frames" : "samples", FormatSeconds(track.seconds),
-                           FormatBytes(track.bytes));
-        out << (track.delay > 0 ? fmt::format(", starts at {}\n", FormatSeconds(track.delay)) : "\n");
-    }
-    out << fmt::format("  'moov' at byte {}, {} the media at byte {}\n", layout.movieOffset,
-                       layout.movieOffset < layout.mediaOffset ? "before" : "behind", layout.mediaOffset);
+    err << "reelmill: " << inSentence << std::endl;
+}
+
+void PrintNotes(const WrapSummary& inSummary, std::ostream& err)
+{
     for (const std::string& note : inSummary.notes)
     {
-        out << fmt::format("  note: {}\n", note);
+        err << fmt::format("reelmill: note: {}\n", note);
     }
 }
 
@@ -82,13 +83,55 @@ struct WrapArguments
     std::vector<std::string> inputs;
     std::string output;
     std::string frameRate;
+    std::string progress;
     bool overwrite = false;
     bool quiet = false;
+    bool dryRun = false;
+    bool json = false;
     DescriptionArguments descriptions;
     TrackArguments tracks;
 };
 
-void RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
+//! Says what is left to say of a run: all on standard error but the one thing that was asked for.
+ExitCode ReportWrap(const WrapArguments& inArguments, const WrapSummary& inSummary, const Streams& inStreams)
+{
+    if (inArguments.json || inArguments.quiet)
+    {
+        PrintNotes(inSummary, inStreams.err);
+    }
+    if (inArguments.json)
+    {
+        PrintSummaryJson(inSummary, inStreams.out);
+    }
+    else if (!inArguments.quiet)
+    {
+        PrintSummary(inSummary, inStreams.out);
+    }
+    return ExitCode::kDone;
+}
+
+ExitCode ReportDryRun(const WrapArguments& inArguments, const WrapPrediction& inPrediction, const Streams& inStreams)
+{
+    if (inPrediction.summary && (inArguments.json || inArguments.quiet))
+    {
+        PrintNotes(*inPrediction.summary, inStreams.err);
+    }
+    if (inArguments.json)
+    {
+        PrintPredictionJson(inPrediction, inStreams.out);
+    }
+    else if (!inArguments.quiet)
+    {
+        PrintPrediction(inPrediction, inStreams.out);
+    }
+    for (const CommandError& refusal : inPrediction.refusals)
+    {
+        PrintError(inStreams.err, refusal.what());
+    }
+    return inPrediction.GetExitCode();
+}
+
+ExitCode RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
 {
     WrapOptions options;
     options.inputs = inArguments.inputs;
@@ -109,24 +152,25 @@ void RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
             throw CommandError(ExitCode::kUsage, "--fps is for image sequences, and none of the inputs is one");
         }
     }
-    WrapSummary summary;
+    std::optional<WrapSummary> summary;
+    WrapPrediction prediction;
     {
         const LibraryScope library(options.descriptions, inStreams.err);
-        Progress progress(inStreams.err, ProgressStyle(inStreams.err, inArguments.quiet));
-        summary = Wrap(options, progress);
+        Progress progress(inStreams.err, ProgressStyle(inStreams.err, inArguments.quiet, inArguments.progress));
+        if (inArguments.dryRun)
+        {
+            prediction = PredictWrap(options, progress);
+        }
+        else
+        {
+            summary = Wrap(options, progress);
+        }
     }
-    if (!inArguments.quiet)
-    {
-        PrintSummary(summary, inStreams.out);
-        return;
-    }
-    for (const std::string& note : summary.notes)
-    {
-        inStreams.err << fmt::format("reelmill: note: {}\n", note);
-    }
+    return summary ? ReportWrap(inArguments, *summary, inStreams) : ReportDryRun(inArguments, prediction, inStreams);
 }
 
-void AddWrap(CLI::App& ioApp, const Streams& inStreams)
+//! Its callback sets `outExitCode`.
+const CLI::App& AddWrap(CLI::App& ioApp, const Streams& inStreams, ExitCode& outExitCode)
 {
     const auto arguments = std::make_shared<WrapArguments>();
     CLI::App* command =
@@ -141,10 +185,22 @@ void AddWrap(CLI::App& ioApp, const Streams& inStreams)
         ->type_name("RATE");
     command->add_flag("-y,--overwrite", arguments->overwrite, "Replace the movie if it exists");
     command->add_flag("-q,--quiet", arguments->quiet,
-                      "Print neither progress nor a summary; notes go to standard error");
+                      "Print no summary, and progress only with --progress; notes go to standard error");
+    command->add_flag("--dry-run", arguments->dryRun,
+                      "Write nothing; read the inputs and say what would be written, and everything that keeps it from "
+                      "being written");
+    command->add_flag("--json", arguments->json,
+                      "Print the result as a JSON object, and everything else on standard error");
+    command
+        ->add_option("--progress", arguments->progress,
+                     "How to show progress on standard error: one line that is redrawn, a line now and then, or a JSON "
+                     "object a line; otherwise tty on a terminal and lines elsewhere")
+        ->type_name("STYLE")
+        ->check(CLI::IsMember({"tty", "lines", "json"}));
     AddDescriptionOptions(*command, arguments->descriptions);
     AddTrackOptions(*command, arguments->tracks);
-    command->callback([arguments, inStreams] { RunWrap(*arguments, inStreams); });
+    command->callback([arguments, inStreams, &outExitCode] { outExitCode = RunWrap(*arguments, inStreams); });
+    return *command;
 }
 
 struct DemoArguments
@@ -242,23 +298,27 @@ void AddHelp(CLI::App& ioApp, const Streams& inStreams)
     });
 }
 
-int Fail(std::ostream& err, ExitCode inExitCode, const std::string& inSentence)
-{
-    err << "reelmill: " << inSentence << std::endl;
-    return static_cast<int>(inExitCode);
-}
-
 } // namespace
 
 int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 {
+    CLI::App app("Writes QuickTime movies.", "reelmill");
+    const CLI::App* wrap = nullptr;
+    const auto fail = [&](ExitCode inExitCode, const std::string& inSentence) {
+        PrintError(err, inSentence);
+        if (wrap != nullptr && wrap->count("--json") > 0)
+        {
+            PrintFailureJson(inExitCode, inSentence, out);
+        }
+        return static_cast<int>(inExitCode);
+    };
     try
     {
         const Streams streams = {out, err};
-        CLI::App app("Writes QuickTime movies.", "reelmill");
+        ExitCode exitCode = ExitCode::kDone;
         app.set_version_flag("--version", "reelmill " REELMILL_VERSION);
         app.require_subcommand(1);
-        AddWrap(app, streams);
+        wrap = &AddWrap(app, streams, exitCode);
         AddDemo(app, streams);
         AddInfo(app, streams);
         AddVerify(app, streams);
@@ -273,7 +333,7 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
             if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success))
             {
                 const bool isMisnamed = app.get_subcommands().empty() && !app.remaining().empty();
-                return Fail(err, ExitCode::kUsage,
+                return fail(ExitCode::kUsage,
                             isMisnamed ? fmt::format("\"{}\" is no subcommand or option (see reelmill --help)",
                                                      app.remaining().front())
                                        : fmt::format("{} (see reelmill --help)", error.what()));
@@ -281,20 +341,19 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
             app.exit(error, out, err); // Help or version was asked for.
         }
         out.flush();
-        return out ? static_cast<int>(ExitCode::kDone)
-                   : Fail(err, ExitCode::kIOFailed, "standard output cannot be written to");
+        return out ? static_cast<int>(exitCode) : fail(ExitCode::kIOFailed, "standard output cannot be written to");
     }
     catch (const CommandError& error)
     {
-        return Fail(err, error.GetExitCode(), error.what());
+        return fail(error.GetExitCode(), error.what());
     }
     catch (const std::bad_alloc&)
     {
-        return Fail(err, ExitCode::kIOFailed, "there is not enough memory");
+        return fail(ExitCode::kIOFailed, "there is not enough memory");
     }
     catch (const std::exception& error)
     {
-        return Fail(err, ExitCode::kIOFailed, error.what());
+        return fail(ExitCode::kIOFailed, error.what());
     }
 }
 

@@ -2,13 +2,16 @@
 
 #include "CommandError.h"
 
+#include <ByteSource.h>
+
 #include <boost/endian/conversion.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <fmt/format.h>
-#include <fstream>
+#include <span>
+#include <system_error>
 
 namespace Host
 {
@@ -34,27 +37,26 @@ bool IsPrintable(unsigned char inByte)
 
 MovieLayout ReadMovieLayout(const std::filesystem::path& inPath)
 {
-    std::ifstream file(inPath, std::ios::binary);
-    file.seekg(0, std::ios::end);
-    const std::streamoff end = file.tellg();
-    if (!file || end < 0)
+    try
     {
-        Fail(inPath, "it cannot be read back");
+        return ReadMovieLayout(Inspect::FileSource(inPath), inPath);
     }
+    catch (const std::system_error& error)
+    {
+        Fail(inPath, fmt::format("it cannot be read back ({})", error.code().message()));
+    }
+}
+
+MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesystem::path& inPath)
+{
     MovieLayout layout;
     bool hasMovie = false;
     bool hasMedia = false;
-    layout.fileSize = static_cast<std::uint64_t>(end);
+    layout.fileSize = inFile.GetSize();
     for (std::uint64_t offset = 0; offset < layout.fileSize;)
     {
         std::array<unsigned char, kLargeHeaderSize> header = {};
-        const std::uint64_t available = std::min<std::uint64_t>(header.size(), layout.fileSize - offset);
-        file.seekg(static_cast<std::streamoff>(offset));
-        file.read(reinterpret_cast<char*>(header.data()), static_cast<std::streamsize>(available));
-        if (!file)
-        {
-            Fail(inPath, fmt::format("it cannot be read back at byte {}", offset));
-        }
+        const std::size_t available = inFile.Read(offset, header);
         std::uint64_t size = boost::endian::load_big_u32(header.data());
         const bool isLarge = size == 1;
         if (isLarge)
@@ -78,6 +80,7 @@ MovieLayout ReadMovieLayout(const std::filesystem::path& inPath)
         {
             hasMovie = true;
             layout.movieOffset = offset;
+            layout.movieSize = size;
         }
         else if (std::memcmp(header.data() + 4, "mdat", 4) == 0)
         {

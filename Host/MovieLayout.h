@@ -3,6 +3,11 @@
 #include <cstdint>
 #include <filesystem>
 
+namespace Inspect
+{
+class ByteSource;
+}
+
 namespace Host
 {
 
@@ -11,7 +16,10 @@ struct MovieLayout
 {
     std::uint64_t fileSize = 0;
     std::uint64_t movieOffset = 0; //!< of 'moov'
+    std::uint64_t movieSize = 0;
     std::uint64_t mediaOffset = 0; //!< of 'mdat'
+
+    bool IsMovieInFront() const { return movieOffset < mediaOffset; }
 };
 
 //! Reads the headers of the file's top-level atoms, which must follow each other from its first to its last byte and
@@ -19,5 +27,8 @@ struct MovieLayout
 //!
 //! Throws CommandError with `kIOFailed` otherwise.
 MovieLayout ReadMovieLayout(const std::filesystem::path& inPath);
+
+//! The same of a file that is read through `inFile`; sentences call it `inPath`.
+MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesystem::path& inPath);
 
 } // namespace Host

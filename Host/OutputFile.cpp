@@ -1,6 +1,7 @@
 #include "OutputFile.h"
 
 #include "CommandError.h"
+#include "Progress.h"
 
 #include <Tolbin/String.h>
 
@@ -112,6 +113,22 @@ OutputFile::~OutputFile()
     }
 }
 
+fs::path OutputFile::GetFolder() const
+{
+    return mTarget.has_parent_path() ? mTarget.parent_path() : fs::path(".");
+}
+
+void OutputFile::CheckPart() const
+{
+    fs::path part = mTarget;
+    part += ".part";
+    struct stat info = {};
+    if (::access(GetFolder().c_str(), W_OK | X_OK) != 0 || (::lstat(part.c_str(), &info) != 0 && errno != ENOENT))
+    {
+        FailSystem(mPath, "created", errno);
+    }
+}
+
 const fs::path& OutputFile::CreatePart()
 {
     for (int number = 0; number < kMaximumPartNumber; ++number)
@@ -162,6 +179,24 @@ void OutputFile::Commit()
         FailSystem(mPath, "given its name", errno);
     }
     mPart.clear();
+}
+
+std::optional<std::uint64_t> GetFreeSpace(const fs::path& inFolder)
+{
+    std::error_code error;
+    const fs::space_info space = fs::space(inFolder, error);
+    const bool isKnown = !error && space.capacity != 0; // Some volumes have no size at all.
+    return isKnown ? std::optional<std::uint64_t>(space.available) : std::nullopt;
+}
+
+void CheckFreeSpace(const fs::path& inPath, std::uint64_t inSize, std::optional<std::uint64_t> inFree)
+{
+    if (inFree && *inFree < inSize)
+    {
+        Refuse(inPath, fmt::format("does not fit its volume: it takes {} and {} are free; make room or write it to "
+                                   "another volume",
+                                   FormatBytes(inSize), FormatBytes(*inFree)));
+    }
 }
 
 } // namespace Host

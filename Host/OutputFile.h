@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,12 @@ public:
     //! As the user gave it.
     const std::filesystem::path& GetPath() const { return mPath; }
 
+    //! Where the part file goes.
+    std::filesystem::path GetFolder() const;
+
+    //! Throws the CommandError that `CreatePart` would, as far as it can be told without creating anything.
+    void CheckPart() const;
+
     //! Creates the part file, empty, and returns its path. Throws CommandError when that fails.
     const std::filesystem::path& CreatePart();
 
@@ -39,5 +47,11 @@ private:
     std::filesystem::path mPart;   //!< Empty unless it exists.
     bool mOverwrite;
 };
+
+//! Bytes that may still be written to the volume of a folder; none where the system does not say.
+std::optional<std::uint64_t> GetFreeSpace(const std::filesystem::path& inFolder);
+
+//! Refuses (CommandError) a file of `inSize` bytes where there is no room for it.
+void CheckFreeSpace(const std::filesystem::path& inPath, std::uint64_t inSize, std::optional<std::uint64_t> inFree);
 
 } // namespace Host

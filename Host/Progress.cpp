@@ -12,6 +12,7 @@ namespace
 {
 constexpr std::chrono::milliseconds kTerminalInterval{100};
 constexpr std::chrono::milliseconds kLinesInterval{5000};
+constexpr std::chrono::milliseconds kJsonInterval{1000};
 } // namespace
 
 Progress::Progress(std::ostream& inStream, Style inStyle) : mStream(inStream), mStyle(inStyle) {}
@@ -30,7 +31,9 @@ void Progress::Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes)
     {
         return;
     }
-    const std::chrono::milliseconds interval = mStyle == Style::kTerminal ? kTerminalInterval : kLinesInterval;
+    const std::chrono::milliseconds interval = mStyle == Style::kTerminal ? kTerminalInterval
+                                               : mStyle == Style::kJson   ? kJsonInterval
+                                                                          : kLinesInterval;
     if (!mStarted)
     {
         mStarted = true;
@@ -44,6 +47,11 @@ void Progress::Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes)
     }
     mNextShow = inNow + interval;
     const double elapsed = std::chrono::duration<double>(inNow - mStart).count();
+    if (mStyle == Style::kJson)
+    {
+        ShowJson(elapsed, inSeconds, inBytes, false);
+        return;
+    }
     std::string line = FormatSeconds(inSeconds);
     if (mExpectedSeconds > 0)
     {
@@ -65,6 +73,25 @@ void Progress::Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes)
     {
         mStream << line << std::endl;
     }
+}
+
+void Progress::Finish(TimePoint inNow, double inSeconds, std::uint64_t inBytes)
+{
+    if (mStyle == Style::kJson)
+    {
+        mExpectedSeconds = inSeconds;
+        ShowJson(mStarted ? std::chrono::duration<double>(inNow - mStart).count() : 0, inSeconds, inBytes, true);
+    }
+}
+
+void Progress::ShowJson(double inElapsed, double inSeconds, std::uint64_t inBytes, bool inIsDone)
+{
+    const std::string expected = mExpectedSeconds > 0 ? fmt::format("{:.3f}", mExpectedSeconds) : "null";
+    const double rate = inElapsed > 0 ? static_cast<double>(inBytes) / inElapsed : 0;
+    mStream << fmt::format(
+                   R"({{"seconds": {:.3f}, "expectedSeconds": {}, "bytes": {}, "bytesPerSecond": {:.0f}, "done": {}}})",
+                   inSeconds, expected, inBytes, rate, inIsDone)
+            << std::endl;
 }
 
 std::string FormatBytes(std::uint64_t inBytes)

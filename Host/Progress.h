@@ -18,7 +18,8 @@ public:
     {
         kQuiet,    //!< says nothing
         kTerminal, //!< redraws one line
-        kLines     //!< writes a line every few seconds
+        kLines,    //!< writes a line every few seconds
+        kJson      //!< writes an object a second, a line each, and one at the end
     };
 
     Progress(std::ostream& inStream, Style inStyle);
@@ -38,7 +39,12 @@ public:
     //! \param inBytes    size of the media written so far
     void Update(TimePoint inNow, double inSeconds, std::uint64_t inBytes);
 
+    //! Shows that the work is done. Where people read, the summary that follows says so.
+    void Finish(TimePoint inNow, double inSeconds, std::uint64_t inBytes);
+
 private:
+    void ShowJson(double inElapsed, double inSeconds, std::uint64_t inBytes, bool inIsDone);
+
     std::ostream& mStream;
     Style mStyle;
     double mExpectedSeconds = 0;

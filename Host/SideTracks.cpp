@@ -52,39 +52,44 @@ void AddSamples(MovieWriter& ioWriter, QT::TrackID inTrack, std::vector<std::uin
 
 // ---- Before anything is written -------------------------------------------------------------------------------------
 
-SideTracks::SideTracks(const TrackOptions& inOptions)
-    : mOptions(inOptions), mMetadata(inOptions.metadata), mTrackMetadata(inOptions.trackMetadata)
+SideTracks::SideTracks(const TrackOptions& inOptions, Refusals& ioRefusals)
+    : mOptions(inOptions), mRefusals(ioRefusals), mMetadata(inOptions.metadata), mTrackMetadata(inOptions.trackMetadata)
 {
     for (MetadataItem& item : mMetadata)
     {
-        LoadMetadata("--meta", item);
+        mRefusals.Try([&] { LoadMetadata("--meta", item); });
     }
     for (TrackOptions::TrackMetadata& metadata : mTrackMetadata)
     {
-        LoadMetadata("--track-meta", metadata.item);
+        mRefusals.Try([&] { LoadMetadata("--track-meta", metadata.item); });
     }
+    const auto load = [this](const auto& inStep) { mIsWhole = mRefusals.Try(inStep) && mIsWhole; };
     if (!inOptions.chapters.empty())
     {
-        TextTrack track;
-        track.isChapters = true;
-        track.option = "--chapters";
-        track.source = inOptions.chapters;
-        track.cues = MakeTextSamples(ReadChapterFile(inOptions.chapters));
-        mTexts.push_back(std::move(track));
+        load([&] {
+            TextTrack track;
+            track.isChapters = true;
+            track.option = "--chapters";
+            track.source = inOptions.chapters;
+            track.cues = MakeTextSamples(ReadChapterFile(inOptions.chapters));
+            mTexts.push_back(std::move(track));
+        });
     }
     for (const std::string& path : inOptions.texts)
     {
-        CueFile file = ReadTextFile(path);
-        TextTrack track;
-        track.option = "--text";
-        track.source = path;
-        track.hasFormatting = file.hasFormatting;
-        track.cues = MakeTextSamples(file.cues);
-        mTexts.push_back(std::move(track));
+        load([&] {
+            CueFile file = ReadTextFile(path);
+            TextTrack track;
+            track.option = "--text";
+            track.source = path;
+            track.hasFormatting = file.hasFormatting;
+            track.cues = MakeTextSamples(file.cues);
+            mTexts.push_back(std::move(track));
+        });
     }
     if (!inOptions.captions.empty())
     {
-        mCaptionLines = ParseScc(inOptions.captions, ReadSideFile("--captions", inOptions.captions));
+        load([&] { mCaptionLines = ParseScc(inOptions.captions, ReadSideFile("--captions", inOptions.captions)); });
     }
 }
 
@@ -255,9 +260,10 @@ void SideTracks::FitTexts(std::optional<double> inEnd)
         {
             if (Tolbin::string::UTF8to16(cue.text).size() > kMaximumText)
             {
-                throw CommandError(ExitCode::kInputRefused,
-                                   fmt::format("a text of \"{}\" has more than the {} characters that a sample holds",
-                                               track.source, kMaximumText));
+                mRefusals.Refuse(
+                    CommandError(ExitCode::kInputRefused,
+                                 fmt::format("a text of \"{}\" has more than the {} characters that a sample holds",
+                                             track.source, kMaximumText)));
             }
         }
         if (track.hasFormatting)
@@ -276,7 +282,7 @@ void SideTracks::FitTexts(std::optional<double> inEnd)
             std::find_if(track.cues.begin(), track.cues.end(), [](const Cue& inCue) { return !inCue.text.empty(); });
         if (!track.option.empty() && behind != track.cues.end() && (track.isChapters || behind == first))
         {
-            RefuseStart(track, *behind, *inEnd);
+            mRefusals.Try([&] { RefuseStart(track, *behind, *inEnd); });
         }
     }
 }
@@ -355,10 +361,11 @@ void SideTracks::FitNumbers(const std::vector<Media>& inMedia)
     const auto check = [&](const std::string& inOption, int inNumber) {
         if (inNumber > count)
         {
-            throw CommandError(ExitCode::kInputRefused,
-                               fmt::format("{} names track {}, but the movie has {} (1 to {}: {})", inOption, inNumber,
-                                           count, count, fmt::join(kinds, ", ")));
+            mRefusals.Refuse(CommandError(ExitCode::kInputRefused,
+                                          fmt::format("{} names track {}, but the movie has {} (1 to {}: {})", inOption,
+                                                      inNumber, count, count, fmt::join(kinds, ", "))));
         }
+        return inNumber <= count;
     };
     for (const TrackOptions::TrimIn& trimIn : mOptions.trimIns)
     {
@@ -372,15 +379,18 @@ void SideTracks::FitNumbers(const std::vector<Media>& inMedia)
     {
         const std::string option = "--ref " + reference.text;
         check(option, reference.from);
-        check(option, reference.to);
+        if (!check(option, reference.to))
+        {
+            continue;
+        }
         const std::string& kind = kinds[static_cast<std::size_t>(reference.to) - 1];
         const bool isChapters = reference.type == QT::kQTTrackReferenceChapter;
         if (isChapters ? kind != "chapters" && kind != "text" : kind != "timecode")
         {
-            throw CommandError(ExitCode::kInputRefused,
-                               fmt::format("{} does not fit: track {} is {}, and {} are in a {} track", option,
-                                           reference.to, kind, isChapters ? "chapters" : "timecodes",
-                                           isChapters ? "text" : "timecode"));
+            mRefusals.Refuse(CommandError(ExitCode::kInputRefused,
+                                          fmt::format("{} does not fit: track {} is {}, and {} are in a {} track",
+                                                      option, reference.to, kind, isChapters ? "chapters" : "timecodes",
+                                                      isChapters ? "text" : "timecode")));
         }
     }
 }
@@ -394,16 +404,25 @@ void SideTracks::Fit(const std::vector<Media>& inMedia, std::optional<double> in
         mCaptioned = video->track;
     }
     mMediaCount = static_cast<int>(inMedia.size());
-    FitTimecode(inMedia);
-    FitChapters(inMedia);
-    FitCaptions(inEnd);
+    mIsWhole = mRefusals.Try([&] { FitTimecode(inMedia); }) && mIsWhole;
+    mIsWhole = mRefusals.Try([&] { FitChapters(inMedia); }) && mIsWhole;
+    if (mIsWhole || mOptions.captionsStart) // Without a start of their own captions count from the timecode.
+    {
+        mIsWhole = mRefusals.Try([&] { FitCaptions(inEnd); }) && mIsWhole;
+    }
     int number = mMediaCount;
     for (Side* side : ListSides())
     {
         side->number = ++number;
     }
-    FitTexts(inEnd);
-    FitNumbers(inMedia);
+    if (mIsWhole || mOptions.trimIns.empty()) // A delay goes by the number of its track.
+    {
+        FitTexts(inEnd);
+    }
+    if (mIsWhole)
+    {
+        FitNumbers(inMedia);
+    }
 }
 
 // ---- Writing --------------------------------------------------------------------------------------------------------
@@ -626,7 +645,7 @@ void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia
             (track.isChapters ||
              behind == std::find_if(rest, track.cues.end(), [](const Cue& inCue) { return !inCue.text.empty(); })))
         {
-            RefuseStart(track, *behind, inEnd);
+            mRefusals.Try([&] { RefuseStart(track, *behind, inEnd); });
         }
         WriteText(ioWriter, track, kOpenEnd);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "MovieWriter.h"
+#include "Refusals.h"
 #include "SccFile.h"
 #include "TextTrack.h"
 #include "Track.h"
@@ -31,8 +32,8 @@ public:
         double inputStart = 0;     //!< seconds: where the track's input begins in its own time
     };
 
-    //! Reads all files that the options name. Throws CommandError.
-    explicit SideTracks(const TrackOptions& inOptions);
+    //! Reads all files that the options name. What is refused here and below goes to `ioRefusals`.
+    SideTracks(const TrackOptions& inOptions, Refusals& ioRefusals);
 
     //! Those files, which must not be written over.
     std::vector<std::string> GetFiles() const;
@@ -40,7 +41,7 @@ public:
     //! Delay that was asked for on a track of the media, by its number.
     std::int64_t GetTrimIn(int inNumber, int inTimeScale) const;
 
-    //! Refuses (CommandError) what does not fit the media. \param inEnd  length of the movie in seconds, where the
+    //! Refuses what does not fit the media. \param inEnd  length of the movie in seconds, where the
     //! inputs state it
     void Fit(const std::vector<Media>& inMedia, std::optional<double> inEnd);
 
@@ -53,7 +54,7 @@ public:
     //! Writes what starts before `inEnd` seconds, each track in a chunk.
     void WriteUpTo(MovieWriter& ioWriter, double inEnd);
 
-    //! The media has ended, after `inEnd` seconds: writes the rest. Throws CommandError where what is left begins only
+    //! The media has ended, after `inEnd` seconds: writes the rest. Refuses a file of which what is left begins only
     //! after the end.
     void Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia, double inEnd);
 
@@ -118,6 +119,8 @@ private:
     void RefuseStart(const TextTrack& inTrack, const Cue& inCue, double inEnd) const;
 
     const TrackOptions& mOptions;
+    Refusals& mRefusals;
+    bool mIsWhole = true; //!< Every track that the options ask for is known, and so is its number.
     std::vector<MetadataItem> mMetadata;
     std::vector<TrackOptions::TrackMetadata> mTrackMetadata;
     std::vector<SccLine> mCaptionLines;

@@ -1,9 +1,11 @@
 #include "Wrap.h"
 
 #include "CommandError.h"
+#include "DryRunFileSystem.h"
 #include "Interrupt.h"
 #include "MovieWriter.h"
 #include "OutputFile.h"
+#include "Refusals.h"
 #include "SideTracks.h"
 #include "Track.h"
 
@@ -40,6 +42,7 @@ struct Output
     std::int64_t duration = 0;
     std::int64_t samples = 0;
     std::uint64_t bytes = 0;
+    bool isRefused = false; //!< Nothing more is given to the track.
 
     double SecondsOf(std::int64_t inUnits) const { return static_cast<double>(inUnits) / track->GetTimeScale(); }
 
@@ -58,31 +61,54 @@ struct Input
 class Wrapper
 {
 public:
-    Wrapper(const WrapOptions& inOptions, Progress& ioProgress)
-        : mOptions(inOptions), mProgress(ioProgress), mSides(inOptions.tracks)
+    Wrapper(const WrapOptions& inOptions, Progress& ioProgress, bool inIsDryRun)
+        : mOptions(inOptions), mProgress(ioProgress), mRefusals(inIsDryRun), mSides(inOptions.tracks, mRefusals)
     {
     }
 
     WrapSummary Run();
+    WrapPrediction Predict();
 
 private:
-    void OpenInputs();
-    void CheckOptions() const;
+    std::vector<std::string> ListFiles() const;
+    void Prepare();
+    void OpenInput(const std::string& inPath);
+    void AddTracks(Input& ioInput, AVStream& ioStream) const;
+    void CheckOptions();
     void ChooseChunks();
-    void CheckMovieTimeScale() const;
+    void CheckMovieTimeScale();
     bool HasChunk(const Track& inTrack) const;
+    void ReadPacket(Input& ioInput);
     void Fill(double inEnd);
+    void ReadRest();
     void PlaceTracks(Input& ioInput);
     void PlaceTrack(const Input& inInput, Output& ioOutput);
     std::vector<SideTracks::Media> ListMedia() const;
     std::optional<double> GetExpectedEnd() const;
+    void WriteMovie(const std::filesystem::path& inPart);
     void StartMovie(const std::filesystem::path& inPart);
     void WriteMedia();
     void WriteUpTo(Output& ioOutput, double inEnd);
     void WriteSample(Output& ioOutput, const Sample& inSample);
     std::size_t GetQueuedSize() const;
     std::optional<double> GetOldestSeconds() const;
-    WrapSummary Summarise(const MovieLayout& inLayout) const;
+    WrapSummary Summarise(const MovieLayout& inLayout, const std::filesystem::path& inPart) const;
+
+    //! Runs a step without which the media is not whole.
+    template <typename Step>
+    bool TryMedia(const Step& inStep)
+    {
+        const bool isDone = mRefusals.Try(inStep);
+        mIsWhole = mIsWhole && isDone;
+        return isDone;
+    }
+
+    //! Runs a step of a track, which is over when that is refused.
+    template <typename Step>
+    void TryTrack(Output& ioOutput, const Step& inStep)
+    {
+        ioOutput.isRefused = ioOutput.isRefused || !TryMedia(inStep);
+    }
 
     template <typename Function>
     void ForEachOutput(Function inFunction)
@@ -95,8 +121,11 @@ private:
 
     const WrapOptions& mOptions;
     Progress& mProgress;
+    Refusals mRefusals;
+    bool mIsWhole = true; //!< Nothing of the media was refused.
     SideTracks mSides;
     std::vector<Input> mInputs;
+    std::unique_ptr<DryRunFileSystem> mDryRun; //!< Outlives the writer.
     std::unique_ptr<MovieWriter> mWriter;
     int mMovieTimeScale = 0;
     ChunkLength mChunk;
@@ -129,55 +158,58 @@ std::vector<std::unique_ptr<Track>> MakeTracks(const MediaSource& inSource, AVSt
     return tracks;
 }
 
-void Wrapper::OpenInputs()
+void Wrapper::OpenInput(const std::string& inPath)
 {
-    for (const std::string& path : mOptions.inputs)
+    Input input;
+    const AudioLabels* labels = mOptions.descriptions.FindLabels(inPath);
+    input.source = std::make_unique<MediaSource>(
+        inPath, MediaSource::IsImageSequence(inPath) ? mOptions.frameRate : AVRational{0, 1},
+        labels != nullptr && labels->isAudioOnly);
+    for (AVStream* stream : input.source->GetStreams())
     {
-        Input input;
-        const AudioLabels* labels = mOptions.descriptions.FindLabels(path);
-        input.source = std::make_unique<MediaSource>(
-            path, MediaSource::IsImageSequence(path) ? mOptions.frameRate : AVRational{0, 1},
-            labels != nullptr && labels->isAudioOnly);
-        for (AVStream* stream : input.source->GetStreams())
+        TryMedia([&] { AddTracks(input, *stream); });
+    }
+    mInputs.push_back(std::move(input));
+}
+
+void Wrapper::AddTracks(Input& ioInput, AVStream& ioStream) const
+{
+    for (std::unique_ptr<Track>& track : MakeTracks(*ioInput.source, ioStream, mOptions.descriptions))
+    {
+        Output output;
+        output.track = std::move(track);
+        const double seconds = ioInput.source->GetExpectedSeconds();
+        if (seconds * output.track->GetTimeScale() > static_cast<double>(kMaximumDuration))
         {
-            for (std::unique_ptr<Track>& track : MakeTracks(*input.source, *stream, mOptions.descriptions))
-            {
-                Output output;
-                output.track = std::move(track);
-                const double seconds = input.source->GetExpectedSeconds();
-                if (seconds * output.track->GetTimeScale() > static_cast<double>(kMaximumDuration))
-                {
-                    RefuseStream(*input.source, *stream,
-                                 fmt::format("it lasts {}, and a track of 1/{} s units holds {}",
-                                             FormatSeconds(seconds), output.track->GetTimeScale(),
-                                             FormatSeconds(output.SecondsOf(kMaximumDuration))));
-                }
-                input.outputs.push_back(std::move(output));
-            }
+            RefuseStream(*ioInput.source, ioStream,
+                         fmt::format("it lasts {}, and a track of 1/{} s units holds {}", FormatSeconds(seconds),
+                                     output.track->GetTimeScale(), FormatSeconds(output.SecondsOf(kMaximumDuration))));
         }
-        mInputs.push_back(std::move(input));
+        ioInput.outputs.push_back(std::move(output));
     }
 }
 
 //! Options that fit none of the inputs.
-void Wrapper::CheckOptions() const
+void Wrapper::CheckOptions()
 {
     const DescriptionOptions& options = mOptions.descriptions;
     bool hasVideo = false;
     bool hasAudio = false;
     for (const Input& input : mInputs)
     {
-        const auto isVideo = [](const Output& inOutput) {
-            return inOutput.track->GetMediaType() == QT::kQTMediaTypeVideo;
+        const std::vector<AVStream*>& streams = input.source->GetStreams();
+        const auto isVideo = [](const AVStream* inStream) {
+            return inStream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
         };
-        const bool hasOwnAudio = !std::all_of(input.outputs.begin(), input.outputs.end(), isVideo);
+        const bool hasOwnAudio = !std::all_of(streams.begin(), streams.end(), isVideo);
         const AudioLabels* labels = options.FindLabels(input.source->GetPath());
         if (labels != nullptr && !hasOwnAudio)
         {
-            throw CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit \"{}\": it has no audio",
-                                                                    labels->option, input.source->GetPath()));
+            mRefusals.Refuse(
+                CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit \"{}\": it has no audio",
+                                                                  labels->option, input.source->GetPath())));
         }
-        hasVideo = hasVideo || std::any_of(input.outputs.begin(), input.outputs.end(), isVideo);
+        hasVideo = hasVideo || std::any_of(streams.begin(), streams.end(), isVideo);
         hasAudio = hasAudio || hasOwnAudio;
     }
     const bool countsFrames = options.chunk && options.chunk->value.frames > 0;
@@ -185,15 +217,15 @@ void Wrapper::CheckOptions() const
     const std::string lonely = !hasVideo && !forVideo.empty()    ? forVideo
                                : !hasAudio && options.splitAudio ? "--split-audio"
                                                                  : "";
-    if (!lonely.empty())
+    if (!lonely.empty() && mInputs.size() == mOptions.inputs.size()) // An input that is refused may have had it.
     {
         std::string names;
         for (const std::string& input : mOptions.inputs)
         {
             names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", input);
         }
-        throw CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit {}: there is no {}", lonely, names,
-                                                                hasVideo ? "audio" : "video"));
+        mRefusals.Refuse(CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit {}: there is no {}", lonely,
+                                                                           names, hasVideo ? "audio" : "video")));
     }
 }
 
@@ -221,7 +253,7 @@ void Wrapper::ChooseChunks()
     }
 }
 
-void Wrapper::CheckMovieTimeScale() const
+void Wrapper::CheckMovieTimeScale()
 {
     const Choice<int>& choice = mOptions.descriptions.movieTimeScale;
     for (const Input& input : mInputs)
@@ -231,9 +263,11 @@ void Wrapper::CheckMovieTimeScale() const
             const double end = output.SecondsOf(output.trimIn) + input.source->GetExpectedSeconds();
             if (choice && end * choice->value > static_cast<double>(kMaximumDuration))
             {
-                RefuseOption(choice->option, *input.source, output.track->GetStream(),
-                             fmt::format("it ends at {}, and such a movie holds {}", FormatSeconds(end),
-                                         FormatSeconds(static_cast<double>(kMaximumDuration) / choice->value)));
+                mRefusals.Try([&] {
+                    RefuseOption(choice->option, *input.source, output.track->GetStream(),
+                                 fmt::format("it ends at {}, and such a movie holds {}", FormatSeconds(end),
+                                             FormatSeconds(static_cast<double>(kMaximumDuration) / choice->value)));
+                });
             }
         }
     }
@@ -269,47 +303,81 @@ std::optional<double> Wrapper::GetOldestSeconds() const
     return oldest;
 }
 
+//! Gives an input's next packet to its tracks.
+void Wrapper::ReadPacket(Input& ioInput)
+{
+    ThrowIfStopRequested();
+    PacketPtr packet;
+    const bool isRead = TryMedia([&] { packet = ioInput.source->ReadPacket(); });
+    ioInput.isEnded = packet == nullptr;
+    for (Output& output : ioInput.outputs)
+    {
+        if (output.isRefused || !isRead)
+        {
+            continue;
+        }
+        if (ioInput.isEnded)
+        {
+            TryTrack(output, [&] { output.track->Finish(); });
+            continue;
+        }
+        if (output.track->GetStream().index != packet->stream_index)
+        {
+            continue;
+        }
+        const bool hadStarted = output.track->HasStarted();
+        PacketPtr reference(av_packet_clone(packet.get())); // The tracks of a stream share its data.
+        if (reference == nullptr)
+        {
+            throw std::bad_alloc();
+        }
+        TryTrack(output, [&] {
+            output.track->Push(std::move(reference));
+            if (!hadStarted && output.track->HasStarted() && ioInput.start)
+            {
+                PlaceTrack(ioInput, output);
+            }
+        });
+    }
+}
+
 //! Reads every input until each of its tracks has all that starts before `inEnd`, or until too much waits.
 void Wrapper::Fill(double inEnd)
 {
     for (Input& input : mInputs)
     {
         const auto isCovered = [inEnd](const Output& inOutput) {
-            return inOutput.track->HasStarted() && inOutput.MovieSecondsOf(inOutput.track->GetHorizon()) >= inEnd;
+            return inOutput.isRefused ||
+                   (inOutput.track->HasStarted() && inOutput.MovieSecondsOf(inOutput.track->GetHorizon()) >= inEnd);
         };
         while (!input.isEnded && !std::all_of(input.outputs.begin(), input.outputs.end(), isCovered) &&
                GetQueuedSize() < kQueueLimit)
         {
-            ThrowIfStopRequested();
-            PacketPtr packet = input.source->ReadPacket();
-            if (packet == nullptr)
-            {
-                input.isEnded = true;
-                for (const Output& output : input.outputs)
-                {
-                    output.track->Finish();
-                }
-                break;
-            }
-            const int index = packet->stream_index;
+            ReadPacket(input);
+        }
+    }
+}
+
+//! Reads what is left of the inputs, to see what else is refused.
+void Wrapper::ReadRest()
+{
+    const auto isRefused = [](const Output& inOutput) { return inOutput.isRefused; };
+    for (Input& input : mInputs)
+    {
+        while (!input.isEnded && !std::all_of(input.outputs.begin(), input.outputs.end(), isRefused))
+        {
+            ReadPacket(input);
             for (Output& output : input.outputs)
             {
-                if (output.track->GetStream().index != index)
+                for (const Sample* sample = output.track->GetReady(); sample != nullptr;
+                     sample = output.track->GetReady())
                 {
-                    continue;
-                }
-                const bool hadStarted = output.track->HasStarted();
-                PacketPtr reference(av_packet_clone(packet.get())); // The tracks of a stream share its data.
-                if (reference == nullptr)
-                {
-                    throw std::bad_alloc();
-                }
-                output.track->Push(std::move(reference));
-                if (!hadStarted && output.track->HasStarted() && input.start)
-                {
-                    PlaceTrack(input, output);
+                    mSeconds = std::max(mSeconds, output.MovieSecondsOf(sample->start));
+                    mBytes += static_cast<std::uint64_t>(sample->size);
+                    output.track->DropReady();
                 }
             }
+            mProgress.Update(std::chrono::steady_clock::now(), mSeconds, mBytes);
         }
     }
 }
@@ -343,7 +411,7 @@ void Wrapper::PlaceTracks(Input& ioInput)
     {
         if (output.track->HasStarted())
         {
-            PlaceTrack(ioInput, output);
+            TryTrack(output, [&] { PlaceTrack(ioInput, output); });
         }
     }
 }
@@ -410,6 +478,19 @@ std::optional<double> Wrapper::GetExpectedEnd() const
         }
     }
     return end;
+}
+
+//! Leaves the movie unfinished when something is refused on the way.
+void Wrapper::WriteMovie(const std::filesystem::path& inPart)
+{
+    StartMovie(inPart);
+    mSides.Start(*mWriter, ListMedia());
+    WriteMedia();
+    if (mRefusals.IsEmpty())
+    {
+        mSides.Finish(*mWriter, ListMedia(), mSeconds);
+        mWriter->Close();
+    }
 }
 
 void Wrapper::StartMovie(const std::filesystem::path& inPart)
@@ -535,7 +616,7 @@ void Wrapper::WriteMedia()
         const bool isEnded =
             std::all_of(mInputs.begin(), mInputs.end(), [](const Input& inInput) { return inInput.isEnded; });
         const std::optional<double> oldest = GetOldestSeconds();
-        if (isEnded && !oldest)
+        if ((isEnded && !oldest) || !mRefusals.IsEmpty())
         {
             return;
         }
@@ -549,7 +630,7 @@ void Wrapper::WriteMedia()
     }
 }
 
-WrapSummary Wrapper::Summarise(const MovieLayout& inLayout) const
+WrapSummary Wrapper::Summarise(const MovieLayout& inLayout, const std::filesystem::path& inPart) const
 {
     constexpr double kMissingSeconds = 1;
 
@@ -602,6 +683,10 @@ WrapSummary Wrapper::Summarise(const MovieLayout& inLayout) const
         }
     }
     mSides.Summarise(summary);
+    if (const std::optional<std::string> note = NoteOnBlockSize(mOptions.descriptions.blockSize, inPart))
+    {
+        summary.notes.push_back(*note);
+    }
     // The tracks of one stream say the same.
     std::vector<std::string> notes;
     for (std::string& note : summary.notes)
@@ -615,54 +700,113 @@ WrapSummary Wrapper::Summarise(const MovieLayout& inLayout) const
     return summary;
 }
 
-WrapSummary Wrapper::Run()
+//! All files that must not be written over.
+std::vector<std::string> Wrapper::ListFiles() const
 {
-    std::vector<std::string> files;
+    std::vector<std::string> files = mSides.GetFiles();
     for (const std::string& input : mOptions.inputs)
     {
         const std::vector<std::string> some = MediaSource::FilesOf(input);
         files.insert(files.end(), some.begin(), some.end());
     }
-    const std::vector<std::string> sideFiles = mSides.GetFiles();
-    files.insert(files.end(), sideFiles.begin(), sideFiles.end());
-    OutputFile output(mOptions.output, mOptions.overwrite, files);
-    OpenInputs();
+    return files;
+}
+
+//! Everything that comes before the movie is created.
+void Wrapper::Prepare()
+{
+    mProgress.Update(std::chrono::steady_clock::now(), 0, 0); // The rate counts from here.
+    for (const std::string& path : mOptions.inputs)
+    {
+        TryMedia([&] { OpenInput(path); });
+    }
     int number = 0;
     ForEachOutput([this, &number](Output& ioOutput) {
-        ioOutput.extraTrimIn = mSides.GetTrimIn(++number, ioOutput.track->GetTimeScale());
+        ++number;
+        ioOutput.extraTrimIn = mIsWhole ? mSides.GetTrimIn(number, ioOutput.track->GetTimeScale()) : 0;
     });
     CheckOptions();
     ChooseChunks();
     Fill(mWindow);
-    if (!GetOldestSeconds())
+    if (mIsWhole && !GetOldestSeconds())
     {
-        throw CommandError(ExitCode::kInputRefused,
-                           "the inputs hold no video or audio packets, so there is no movie to write");
+        TryMedia([] {
+            throw CommandError(ExitCode::kInputRefused,
+                               "the inputs hold no video or audio packets, so there is no movie to write");
+        });
     }
     std::for_each(mInputs.begin(), mInputs.end(), [this](Input& ioInput) { PlaceTracks(ioInput); });
     CheckMovieTimeScale();
-    mSides.Fit(ListMedia(), GetExpectedEnd());
-    const std::filesystem::path& part = output.CreatePart();
-    StartMovie(part);
-    mSides.Start(*mWriter, ListMedia());
-    WriteMedia();
-    mSides.Finish(*mWriter, ListMedia(), mSeconds);
-    mWriter->Close();
-    const MovieLayout layout = ReadMovieLayout(part);
-    WrapSummary summary = Summarise(layout);
-    if (const std::optional<std::string> note = NoteOnBlockSize(mOptions.descriptions.blockSize, part))
+    if (mIsWhole)
     {
-        summary.notes.push_back(*note);
+        mSides.Fit(ListMedia(), GetExpectedEnd());
     }
+}
+
+WrapSummary Wrapper::Run()
+{
+    OutputFile output(mOptions.output, mOptions.overwrite, ListFiles());
+    Prepare();
+    const std::filesystem::path& part = output.CreatePart();
+    WriteMovie(part);
+    WrapSummary summary = Summarise(ReadMovieLayout(part), part);
     output.Commit();
+    mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);
     return summary;
+}
+
+WrapPrediction Wrapper::Predict()
+{
+    WrapPrediction prediction;
+    Refusals refusals(true); // Of the output; they do not keep the movie from being told.
+    std::vector<std::string> files;
+    refusals.Try([&] { files = ListFiles(); });
+    std::filesystem::path folder = mOptions.output.has_parent_path() ? mOptions.output.parent_path() : ".";
+    for (const bool overwrite : {mOptions.overwrite, true}) // Where it may not be overwritten: whether it could be.
+    {
+        refusals.Try([&] {
+            const OutputFile output(mOptions.output, overwrite, files);
+            folder = output.GetFolder();
+            output.CheckPart();
+        });
+    }
+    prediction.freeSpace = GetFreeSpace(folder);
+
+    Prepare();
+    if (mRefusals.IsEmpty())
+    {
+        mDryRun = std::make_unique<DryRunFileSystem>(folder);
+        const Ventra::FileSystemScope scope(*mDryRun);
+        mRefusals.Try([&] {
+            WriteMovie(mOptions.output);
+            if (mRefusals.IsEmpty())
+            {
+                const MovieLayout layout = ReadMovieLayout(mDryRun->GetContent(), mOptions.output);
+                prediction.summary = Summarise(layout, mOptions.output);
+                refusals.Try([&] { CheckFreeSpace(mOptions.output, layout.fileSize, prediction.freeSpace); });
+            }
+        });
+    }
+    ReadRest(); // Nothing is left of media that was written.
+    for (const CommandError& error : mRefusals.GetErrors())
+    {
+        refusals.Add(error);
+    }
+    prediction.refusals = refusals.GetErrors();
+    mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);
+    return prediction;
 }
 
 } // namespace
 
 WrapSummary Wrap(const WrapOptions& inOptions, Progress& ioProgress)
 {
-    return Wrapper(inOptions, ioProgress).Run();
+    return Wrapper(inOptions, ioProgress, false).Run();
+}
+
+WrapPrediction PredictWrap(const WrapOptions& inOptions, Progress& ioProgress)
+{
+    return Wrapper(inOptions, ioProgress, true).Predict();
 }
 
 } // namespace Host

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CommandError.h"
 #include "DescriptionOptions.h"
 #include "LibAV.h"
 #include "MovieLayout.h"
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,5 +51,19 @@ struct WrapSummary
 //! Throws CommandError: `kInputRefused` when an input cannot be written as it is or the output may not be,
 //! `kIOFailed` when reading or writing failed. Either way nothing is left that was not there before.
 WrapSummary Wrap(const WrapOptions& inOptions, Progress& ioProgress);
+
+//! What `Wrap` would come to.
+struct WrapPrediction
+{
+    std::optional<WrapSummary> summary;     //!< none where a refusal leaves it open what would be written
+    std::optional<std::uint64_t> freeSpace; //!< bytes on the volume of the output, where the system says so
+    std::vector<CommandError> refusals;     //!< all that can be told, and a movie that does not fit its volume
+
+    ExitCode GetExitCode() const { return refusals.empty() ? ExitCode::kDone : ExitCode::kInputRefused; }
+};
+
+//! Reads the inputs to their end and makes the whole movie out of them, but neither creates nor writes any file.
+//! Sizes and places are those that `Wrap` would come to. Throws CommandError only when interrupted.
+WrapPrediction PredictWrap(const WrapOptions& inOptions, Progress& ioProgress);
 
 } // namespace Host
