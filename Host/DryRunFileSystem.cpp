@@ -59,6 +59,13 @@ Tolbin::Result DryRunFileSystem::Open(const Tolbin::UTF16String&, const Ventra::
     return Tolbin::kResultSuccess;
 }
 
+Tolbin::Result DryRunFileSystem::Read(Handle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                                      std::size_t& outRead)
+{
+    outRead = mContent.Read(static_cast<std::uint64_t>(inOffset), {static_cast<std::uint8_t*>(outData), inLength});
+    return Tolbin::kResultSuccess;
+}
+
 Tolbin::Result DryRunFileSystem::Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                                        std::size_t& outWritten)
 {
@@ -86,6 +93,16 @@ Tolbin::Result DryRunFileSystem::GetSize(Handle, std::int64_t& outSize)
 {
     outSize = static_cast<std::int64_t>(mContent.GetSize());
     return Tolbin::kResultSuccess;
+}
+
+Tolbin::Result DryRunFileSystem::SetSize(Handle, std::int64_t)
+{
+    return Tolbin::ResultFromSystemError(ENOTSUP); // A movie that is written only grows.
+}
+
+Tolbin::Result DryRunFileSystem::Remove(const Tolbin::UTF16String&)
+{
+    return Tolbin::ResultFromSystemError(ENOTSUP);
 }
 
 Tolbin::Result DryRunFileSystem::Sync(Handle)

@@ -24,15 +24,19 @@ public:
 
     Tolbin::Result Open(const Tolbin::UTF16String& inPath, const Ventra::FileOpenMode& inMode,
                         Handle& outHandle) override;
+    Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                        std::size_t& outRead) override;
     Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                          std::size_t& outWritten) override;
     Tolbin::Result Seek(Handle inHandle, std::int64_t inDistance, Ventra::FilePointerMoveMethod::Type inMethod,
                         std::int64_t& ioPosition) override;
     Tolbin::Result GetSize(Handle inHandle, std::int64_t& outSize) override;
+    Tolbin::Result SetSize(Handle inHandle, std::int64_t inSize) override;
     Tolbin::Result Sync(Handle inHandle) override;
     Tolbin::Result Close(Handle inHandle) override;
     Ventra::FileSystemType::Type GetType(Handle inHandle) override;
     Tolbin::Result GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize) override;
+    Tolbin::Result Remove(const Tolbin::UTF16String& inPath) override;
 
 private:
     class Content final : public Inspect::ByteSource
