@@ -1,5 +1,6 @@
 # What the shared library shows, and where `cmake --install` puts things: the libraries, the public headers, the command
-# when it was built, and what CMake and pkg-config need to find them. The installed tree can be moved as a whole.
+# with its manual page and tab completion when it was built, and what CMake and pkg-config need to find them. The
+# installed tree can be moved as a whole.
 
 # Apple's linker knows no such scripts; there hidden visibility has to do.
 if(NOT APPLE)
@@ -27,6 +28,12 @@ install(DIRECTORY
 
 if(TARGET reelmill)
     install(TARGETS reelmill)
+endif()
+if(TARGET ReelmillManual)
+    install(FILES ${PROJECT_BINARY_DIR}/Host/reelmill.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${PROJECT_BINARY_DIR}/Host/reelmill.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        RENAME reelmill)
 endif()
 
 # ---- find_package(Reelmill) ------------------------------------------------------------------------------------------

@@ -134,21 +134,35 @@ void PrintHelp(const CLI::App& inApp, const std::string& inName, std::ostream& o
 
 void PrintManualPage(const CLI::App& inApp, const std::string& inVersion, std::ostream& out)
 {
-    fmt::print(out, ".TH REELMILL 1 \"\" \"reelmill {}\"\n.SH NAME\nreelmill \\- {}\n", inVersion,
-               Troff(inApp.get_description()));
-    out << ".SH SYNOPSIS\n";
+    fmt::print(out, ".TH REELMILL 1 \"\" \"reelmill {}\" \"User Commands\"\n", inVersion);
+    out << ".SH NAME\nreelmill \\- writes, shows and checks QuickTime movies\n.SH SYNOPSIS\n";
     for (const CLI::App* subcommand : Subcommands(inApp))
     {
-        fmt::print(out, ".B reelmill {}\n.RI [ option ...]\n.br\n", Troff(subcommand->get_name()));
-    }
-    for (const CLI::App* subcommand : Subcommands(inApp))
-    {
-        fmt::print(out, ".SH {}\n{}.\n", Troff(subcommand->get_name()), Troff(subcommand->get_description()));
+        fmt::print(out, ".B reelmill {}\n.RI [ option ...]\\&\n", Troff(subcommand->get_name()));
         for (const CLI::Option* option : Options(*subcommand))
         {
-            const std::vector<std::string> names = Names(*option);
+            const std::string value = Troff(option->get_type_name()) + (option->get_expected_max() > 1 ? " ..." : "");
+            if (option->get_positional())
+            {
+                out << (option->get_required() ? ".I " + value : ".RI [ \"" + value + "\" ]\\&") << '\n';
+            }
+            else if (option->get_required())
+            {
+                fmt::print(out, ".BI \\-{} \" {}\"\n", option->get_snames().front(), value);
+            }
+        }
+        out << ".br\n";
+    }
+    out << ".SH COMMANDS\n";
+    for (const CLI::App* subcommand : Subcommands(inApp))
+    {
+        fmt::print(out, ".SS {}\n{}.\n", Troff(subcommand->get_name()), Troff(subcommand->get_description()));
+        for (const CLI::Option* option : Options(*subcommand))
+        {
             const std::string type = option->get_type_size() == 0 ? "" : option->get_type_name();
-            fmt::print(out, ".TP\n.B {}\n{}.\n", Troff(fmt::format("{} {}", fmt::join(names, ", "), type)),
+            fmt::print(out, ".TP\n.B {}\n{}.\n",
+                       Troff(fmt::format("{}{}{}", fmt::join(Names(*option), ", "),
+                                         option->get_positional() || type.empty() ? "" : " ", type)),
                        Troff(option->get_description()));
         }
     }
@@ -183,21 +197,20 @@ void PrintBashCompletion(const CLI::App& inApp, std::ostream& out)
                "# Tab completion of reelmill for bash: subcommands, options, files.\n"
                "_reelmill()\n"
                "{{\n"
-               "    local word=${{COMP_WORDS[COMP_CWORD]}} options=\n"
-               "    if [ \"$COMP_CWORD\" -eq 1 ]; then\n"
-               "        COMPREPLY=($(compgen -W '{}' -- \"$word\"))\n"
-               "        return\n"
-               "    fi\n"
+               "    local word=${{COMP_WORDS[COMP_CWORD]}} subcommands='{}' options=\n"
                "    case ${{COMP_WORDS[1]}} in\n"
                "{}"
                "    esac\n"
-               "    if [[ $word == -* ]]; then\n"
-               "        COMPREPLY=($(compgen -W \"$options\" -- \"$word\"))\n"
+               "    if [[ $COMP_CWORD -eq 1 || ${{COMP_WORDS[1]}} == help && $word != -* ]]; then\n"
+               "        mapfile -t COMPREPLY < <(compgen -W \"$subcommands\" -- \"$word\")\n"
+               "    elif [[ $word == -* ]]; then\n"
+               "        mapfile -t COMPREPLY < <(compgen -W \"$options\" -- \"$word\")\n"
                "    else\n"
-               "        COMPREPLY=($(compgen -f -- \"$word\"))\n"
+               "        COMPREPLY=()\n"
+               "        compopt -o default # Files, as the shell completes them.\n"
                "    fi\n"
                "}}\n"
-               "complete -o filenames -F _reelmill reelmill\n",
+               "complete -F _reelmill reelmill\n",
                fmt::join(subcommands, " "), cases);
 }
 

@@ -49,9 +49,32 @@ if grep -rIl -e "$build" -e "$source" -e "$work/installed" "$prefix"; then
     fail "the files above name the folders that they were built or first installed in"
 fi
 
-# The command is installed when it was built, and finds its library.
+# What pressing the tab key behind the given words would offer.
+complete_words()
+{
+    bash -c 'source "$1" && shift && COMP_WORDS=("$@") && COMP_CWORD=$(($# - 1)) && _reelmill &&
+        complete -p reelmill >/dev/null && echo "${COMPREPLY[@]}"' bash "$completion" "$@"
+}
+
+# The command is installed when it was built, finds its library, and brings its manual page and tab completion.
 if [ -x "$prefix/bin/reelmill" ]; then
     "$prefix/bin/reelmill" --help >/dev/null || fail "the installed command does not run"
+
+    page=$(find "$prefix" -path '*/man1/reelmill.1')
+    [ -s "$page" ] || fail "no manual page was installed"
+    if command -v groff >/dev/null; then
+        groff -man -ww -Tutf8 -P-cbu "$page" >"$work/page" 2>"$work/log" || fail "groff ended with $?"
+        [ ! -s "$work/log" ] || { cat "$work/log"; fail "groff warns about the manual page"; }
+        grep -q -e '--timecode' "$work/page" || fail "the manual page does not explain --timecode"
+    fi
+
+    completion=$(find "$prefix" -path '*/bash-completion/completions/reelmill')
+    [ -s "$completion" ] || fail "no tab completion was installed"
+    for words in "verify:reelmill ver" "--timecode:reelmill wrap in.mov --timec" "map:reelmill help ma"; do
+        offered=$(complete_words ${words#*:})
+        [ "$offered" = "${words%%:*}" ] || fail "behind '${words#*:}' tab offers '$offered'"
+    done
+    echo "command, manual page and tab completion: good"
 fi
 
 # ---- What the shared library shows -----------------------------------------------------------------------------------
