@@ -43,6 +43,12 @@ void PrintSamples(const Inspect::Track& inTrack, std::ostream& out)
     });
 }
 
+//! JSON as text. What is not UTF-8 in it becomes replacement characters.
+std::string Text(const Json& inJson)
+{
+    return inJson.dump(2, ' ', false, Json::error_handler_t::replace);
+}
+
 std::string Joined(const Json& inTexts)
 {
     std::string joined;
@@ -236,12 +242,16 @@ void PrintInfo(const InfoOptions& inOptions, std::ostream& out)
             PrintFindings(Inspect::DescribeFindings(findings), out);
             return;
         }
-        Json described = {{"file", path}};
         if (track != nullptr)
         {
-            described["samples"] = Inspect::DescribeSamples(*track);
+            // Of samples there may be more than memory holds.
+            out << "{\n\"file\": " << Text(path) << ",\n\"samples\": ";
+            Inspect::WriteSamples(*track, out);
+            out << ",\n\"findings\": " << Text(Inspect::DescribeFindings(findings)) << "\n}\n";
+            return;
         }
-        else if (inOptions.atoms)
+        Json described = {{"file", path}};
+        if (inOptions.atoms)
         {
             described["atoms"] = Inspect::DescribeAtoms(movie.GetTree().GetAtoms());
         }
@@ -250,7 +260,7 @@ void PrintInfo(const InfoOptions& inOptions, std::ostream& out)
             described.update(Inspect::DescribeMovie(movie));
         }
         described["findings"] = Inspect::DescribeFindings(findings);
-        out << described.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+        out << Text(described) << '\n';
     }
     catch (const std::system_error& error)
     {

@@ -303,16 +303,6 @@ nlohmann::ordered_json DescribeAtoms(const std::vector<Atom>& inAtoms)
     return atoms;
 }
 
-nlohmann::ordered_json DescribeSamples(const Track& inTrack)
-{
-    Json samples = Json::array();
-    inTrack.VisitSamples([&samples](const Sample& inSample) {
-        samples.push_back(Describe(inSample));
-        return true;
-    });
-    return samples;
-}
-
 void WriteSamples(const Track& inTrack, std::ostream& out)
 {
     out << '[';

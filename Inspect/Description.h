@@ -18,10 +18,8 @@ nlohmann::ordered_json DescribeMovie(const MovieFile& inMovie);
 //! The atoms as a tree.
 nlohmann::ordered_json DescribeAtoms(const std::vector<Atom>& inAtoms);
 
-//! Every sample of a track. Sound counts each frame as one: `WriteSamples` keeps them out of memory.
-nlohmann::ordered_json DescribeSamples(const Track& inTrack);
-
-//! The same array as text, one sample to a line, written as it goes; ends early when `out` fails.
+//! Every sample of a track as the text of an array, one to a line, written as it goes: sound counts each frame as one.
+//! Ends early when `out` fails.
 void WriteSamples(const Track& inTrack, std::ostream& out);
 
 nlohmann::ordered_json DescribeFindings(const Findings& inFindings);

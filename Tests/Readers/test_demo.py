@@ -1,6 +1,7 @@
 """The demo movie as independent readers see it."""
 
 import array
+import json
 import os
 import re
 import subprocess
@@ -159,6 +160,16 @@ class Demo(unittest.TestCase):
         for i in changed:
             y, x = divmod(i // 2, 640)
             self.assertTrue(176 <= x < 464 and 76 <= y < 164, (x, y))
+
+    def test_samples_lie_where_the_listing_says(self):
+        reelmill = readers.program("REELMILL")
+        for stream, track in (("v:0", "1"), ("d:0", "3")):
+            listed = json.loads(readers.run(reelmill, "info", "--json", "--samples", track, self.movie))
+            self.assertEqual((self.movie, []), (listed["file"], listed["findings"]))
+            found = json.loads(readers.run("ffprobe", "-v", "error", "-select_streams", stream, "-show_entries",
+                                           "packet=pos,size,dts,duration", "-of", "json", self.movie))["packets"]
+            self.assertEqual([(int(p["pos"]), int(p["size"]), p["dts"], p["duration"]) for p in found],
+                             [(s["offset"], s["size"], s["time"], s["duration"]) for s in listed["samples"]])
 
 
 class DemoOutput(unittest.TestCase):
