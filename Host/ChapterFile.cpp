@@ -61,15 +61,14 @@ std::vector<Cue> ParseLines(const std::string& inPath, const std::string& inText
         const std::size_t title = line.find_first_not_of(" \t", kTimeLength);
         if (!time || title == std::string_view::npos || title == kTimeLength)
         {
-            RefuseSideFile(kOption, inPath,
-                           fmt::format("line {} is no chapter; write ffmetadata, or lines such as \"00:01:30.000 The "
-                                       "second chapter\"",
-                                       number));
+            RefuseSideFile(kOption, inPath, fmt::format("line {} is no chapter", number),
+                           "write ffmetadata, or lines such as \"00:01:30.000 The second chapter\"");
         }
         if (!chapters.empty() && *time <= chapters.back().start)
         {
             RefuseSideFile(kOption, inPath,
-                           fmt::format("line {}: its time does not lie behind that of the chapter before it", number));
+                           fmt::format("line {}: its time does not lie behind that of the chapter before it", number),
+                           "sort the lines, and give each chapter a time of its own");
         }
         if (!chapters.empty())
         {
@@ -122,7 +121,7 @@ std::vector<Cue> ReadChapterFile(const std::string& inPath)
     const std::string text = ReadSideFile(kOption, inPath);
     if (!IsValidUTF8(text))
     {
-        RefuseSideFile(kOption, inPath, "it is not valid UTF-8; convert it");
+        RefuseSideFile(kOption, inPath, "it is not valid UTF-8", "convert it");
     }
     std::vector<Cue> chapters;
     if (text.find(";FFMETADATA") == 0)
@@ -132,7 +131,8 @@ std::vector<Cue> ReadChapterFile(const std::string& inPath)
             avformat_open_input(&opened, ("file:" + inPath).c_str(), av_find_input_format("ffmetadata"), nullptr);
         if (result < 0)
         {
-            RefuseSideFile(kOption, inPath, fmt::format("it is no sound ffmetadata: {}", LibAVMessage(result)));
+            RefuseSideFile(kOption, inPath, fmt::format("it is no sound ffmetadata: {}", LibAVMessage(result)),
+                           "mend it, or write lines such as \"00:01:30.000 Title\"");
         }
         for (unsigned int index = 0; index < opened->nb_chapters; ++index)
         {
@@ -140,7 +140,8 @@ std::vector<Cue> ReadChapterFile(const std::string& inPath)
             if (chapter.start < 0 || (chapter.end != AV_NOPTS_VALUE && chapter.end <= chapter.start))
             {
                 avformat_close_input(&opened);
-                RefuseSideFile(kOption, inPath, fmt::format("chapter {} has no length", index + 1));
+                RefuseSideFile(kOption, inPath, fmt::format("chapter {} has no length", index + 1),
+                               "give it a START of 0 or more and an END behind that");
             }
         }
         const unsigned int count = opened->nb_chapters;
@@ -148,7 +149,7 @@ std::vector<Cue> ReadChapterFile(const std::string& inPath)
         avformat_close_input(&opened);
         if (chapters.size() < count)
         {
-            RefuseSideFile(kOption, inPath, "two chapters start at the same time");
+            RefuseSideFile(kOption, inPath, "two chapters start at the same time", "give each a START of its own");
         }
     }
     else
@@ -157,7 +158,7 @@ std::vector<Cue> ReadChapterFile(const std::string& inPath)
     }
     if (chapters.empty())
     {
-        RefuseSideFile(kOption, inPath, "it has no chapters");
+        RefuseSideFile(kOption, inPath, "it has no chapters", "name another file, or leave the option out");
     }
     return chapters;
 }

@@ -140,7 +140,7 @@ ExitCode RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
     options.tracks = ParseTrackOptions(inArguments.tracks);
     if (options.inputs.empty())
     {
-        throw CommandError(ExitCode::kUsage, "there is no input: name a media file (see reelmill wrap --help)");
+        throw CommandError(ExitCode::kUsage, "there is no input; name a media file (see reelmill wrap --help)");
     }
     options.output = inArguments.output;
     options.overwrite = inArguments.overwrite;
@@ -149,7 +149,10 @@ ExitCode RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
         options.frameRate = ParseFrameRate(inArguments.frameRate);
         if (std::none_of(options.inputs.begin(), options.inputs.end(), MediaSource::IsImageSequence))
         {
-            throw CommandError(ExitCode::kUsage, "--fps is for image sequences, and none of the inputs is one");
+            throw CommandError(
+                ExitCode::kUsage,
+                fmt::format("--fps {} is for image sequences, and none of the inputs is one; leave it out",
+                            inArguments.frameRate));
         }
     }
     std::optional<WrapSummary> summary;
@@ -332,16 +335,20 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
         {
             if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success))
             {
-                const bool isMisnamed = app.get_subcommands().empty() && !app.remaining().empty();
+                const std::vector<CLI::App*> given = app.get_subcommands();
+                const bool isMisnamed = given.empty() && !app.remaining().empty();
+                const std::string name = given.empty() ? "" : given.front()->get_name() + " ";
                 return fail(ExitCode::kUsage,
                             isMisnamed ? fmt::format("\"{}\" is no subcommand or option (see reelmill --help)",
                                                      app.remaining().front())
-                                       : fmt::format("{} (see reelmill --help)", error.what()));
+                                       : fmt::format("{} (see reelmill {}--help)", error.what(), name));
             }
             app.exit(error, out, err); // Help or version was asked for.
         }
         out.flush();
-        return out ? static_cast<int>(exitCode) : fail(ExitCode::kIOFailed, "standard output cannot be written to");
+        return out ? static_cast<int>(exitCode)
+                   : fail(ExitCode::kIOFailed,
+                          "standard output cannot be written to; check where it leads and the space there");
     }
     catch (const CommandError& error)
     {
@@ -349,11 +356,14 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
     }
     catch (const std::bad_alloc&)
     {
-        return fail(ExitCode::kIOFailed, "there is not enough memory");
+        return fail(ExitCode::kIOFailed,
+                    "memory ran out; end other programs, or raise the limit of this one, and run the command again");
     }
     catch (const std::exception& error)
     {
-        return fail(ExitCode::kIOFailed, error.what());
+        return fail(
+            ExitCode::kIOFailed,
+            fmt::format("the command failed unexpectedly: {}; please report this with the command line", error.what()));
     }
 }
 

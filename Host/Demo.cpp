@@ -261,7 +261,7 @@ private:
         if (inResult < 0)
         {
             throw CommandError(ExitCode::kIOFailed,
-                               fmt::format("\"{}\" cannot be written: {}; check the space on its disk and try again",
+                               fmt::format("\"{}\" cannot be written: {}; check its volume, and run the command again",
                                            mPath.string(), Tolbin::ResultMessage(inResult)));
         }
     }
@@ -279,7 +279,8 @@ DemoSummary WriteDemoMovie(const DemoOptions& inOptions)
     OutputFile output(inOptions.output, inOptions.overwrite, {});
     const std::filesystem::path part = output.CreatePart();
     DemoSummary summary = DemoMovie(output.GetPath(), part).Write();
-    summary.bytes = ReadMovieLayout(part).fileSize; // tells of a lost last block of media, which `Close` does not
+    summary.bytes =
+        ReadMovieLayout(part, inOptions.output).fileSize; // tells of a lost last block of media, which `Close` does not
     output.Commit();
     return summary;
 }

@@ -211,8 +211,9 @@ void PrintInfo(const InfoOptions& inOptions, std::ostream& out)
         const std::string path = inOptions.input.string();
         if (movie.GetMooV() == nullptr)
         {
-            throw CommandError(ExitCode::kInputRefused,
-                               fmt::format("{}: there is no 'moov' atom, so this is no finished movie file", path));
+            throw CommandError(
+                ExitCode::kInputRefused,
+                fmt::format("\"{}\" has no 'moov' atom, so it is no finished movie; name another file", path));
         }
         const Inspect::Track* track = nullptr;
         if (inOptions.samples)
@@ -221,7 +222,7 @@ void PrintInfo(const InfoOptions& inOptions, std::ostream& out)
             if (track == nullptr)
             {
                 throw CommandError(ExitCode::kInputRefused,
-                                   fmt::format("{}: there is no track {}; `reelmill info` lists those there are", path,
+                                   fmt::format("\"{}\" has no track {}; name one that `reelmill info` lists", path,
                                                *inOptions.samples));
             }
         }
@@ -264,8 +265,8 @@ void PrintInfo(const InfoOptions& inOptions, std::ostream& out)
     }
     catch (const std::system_error& error)
     {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("{} cannot be read: {}", inOptions.input.string(), error.code().message()));
+        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be read: {}; check its name and permissions",
+                                                            inOptions.input.string(), error.code().message()));
     }
 }
 

@@ -22,7 +22,7 @@ void ThrowIfStopRequested()
 {
     if (sStopRequested.load())
     {
-        throw CommandError(ExitCode::kIOFailed, "interrupted; nothing was written");
+        throw CommandError(ExitCode::kIOFailed, "the command was interrupted, and nothing was written; run it again");
     }
 }
 

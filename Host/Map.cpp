@@ -449,8 +449,8 @@ void WriteMap(const MapOptions& inOptions)
     const std::string extension = inOptions.output.extension().string();
     if (extension != ".svg" && extension != ".html")
     {
-        throw CommandError(ExitCode::kUsage,
-                           fmt::format("{}: a map is written as .svg or .html", inOptions.output.string()));
+        throw CommandError(ExitCode::kUsage, fmt::format("--output {} is no name of a map; end it with .svg or .html",
+                                                         inOptions.output.string()));
     }
     OutputFile output(inOptions.output, inOptions.overwrite, {inOptions.input.string()});
     const std::string title = inOptions.input.filename().string();
@@ -463,15 +463,15 @@ void WriteMap(const MapOptions& inOptions)
         if (movie.GetMooV() == nullptr)
         {
             throw CommandError(ExitCode::kInputRefused,
-                               fmt::format("{}: there is no 'moov' atom, so this is no finished movie file",
+                               fmt::format("\"{}\" has no 'moov' atom, so it is no finished movie; name another file",
                                            inOptions.input.string()));
         }
         document = DrawMap(movie, title);
     }
     catch (const std::system_error& error)
     {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("{} cannot be read: {}", inOptions.input.string(), error.code().message()));
+        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be read: {}; check its name and permissions",
+                                                            inOptions.input.string(), error.code().message()));
     }
     if (extension == ".html")
     {
@@ -486,7 +486,7 @@ void WriteMap(const MapOptions& inOptions)
     file.close();
     if (!file)
     {
-        throw CommandError(ExitCode::kIOFailed, fmt::format("{} cannot be written; check the volume's free space",
+        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be written; check the space on its volume",
                                                             inOptions.output.string()));
     }
     output.Commit();

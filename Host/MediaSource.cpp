@@ -113,7 +113,8 @@ std::map<long long, std::string> ListImages(const std::string& inPath, const Num
     if (error)
     {
         throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("the folder of \"{}\" cannot be read: {}", inPath, error.message()));
+                           fmt::format("the folder of \"{}\" cannot be read: {}; check its name and permissions",
+                                       inPath, error.message()));
     }
     return images;
 }
@@ -125,7 +126,10 @@ long long FirstImageNumber(const std::string& inPath, const NumberPattern& inPat
     const std::map<long long, std::string> images = ListImages(inPath, inPattern);
     if (images.empty())
     {
-        throw CommandError(ExitCode::kIOFailed, fmt::format("no file is named like \"{}\"", inPath));
+        throw CommandError(ExitCode::kIOFailed,
+                           fmt::format("no file is named like \"{}\"; check the folder and the number of digits, "
+                                       "where %04d stands for four",
+                                       inPath));
     }
     const auto gap = std::adjacent_find(images.begin(), images.end(), [](const auto& inLeft, const auto& inRight) {
         return inRight.first != inLeft.first + 1;
@@ -165,10 +169,14 @@ bool IsTaken(const AVFormatContext& inFormat, const AVStream& inStream)
 {
     if (inError == AVERROR_INVALIDDATA)
     {
-        throw CommandError(ExitCode::kInputRefused,
-                           fmt::format("\"{}\" is no media file that can be read, or it is damaged", inPath));
+        throw CommandError(
+            ExitCode::kInputRefused,
+            fmt::format("\"{}\" is no media file that can be read, or it is damaged; name another, or get "
+                        "an undamaged copy",
+                        inPath));
     }
-    throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be opened: {}", inPath, LibAVMessage(inError)));
+    throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be opened: {}; check its name and permissions",
+                                                        inPath, LibAVMessage(inError)));
 }
 
 } // namespace
@@ -212,8 +220,9 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool
     mFormat.reset(opened);
     if (IsPicturePipe(*mFormat->iformat) && inFrameRate.num <= 0)
     {
-        throw CommandError(ExitCode::kUsage,
-                           fmt::format("\"{}\" is an image sequence: give its frame rate with --fps", inPath));
+        throw CommandError(
+            ExitCode::kUsage,
+            fmt::format("\"{}\" is an image sequence without times; give its frame rate with --fps", inPath));
     }
     result = avformat_find_stream_info(mFormat.get(), nullptr);
     if (result < 0)
@@ -250,7 +259,10 @@ void MediaSource::SelectStreams(bool inAudioOnly)
     }
     if (mStreams.empty() && !inAudioOnly)
     {
-        throw CommandError(ExitCode::kInputRefused, fmt::format("\"{}\" has neither video nor audio", mPath));
+        throw CommandError(ExitCode::kInputRefused,
+                           fmt::format("\"{}\" has neither video nor audio; name a file that has, and give texts, "
+                                       "chapters and captions by --text, --chapters and --captions",
+                                       mPath));
     }
 }
 
@@ -284,9 +296,10 @@ PacketPtr MediaSource::ReadPacket()
         }
         if (result < 0)
         {
-            throw CommandError(ExitCode::kIOFailed,
-                               fmt::format("\"{}\" cannot be read to its end: {}", mPath,
-                                           LibAVMessage(result == AVERROR_EOF ? streamError : result)));
+            throw CommandError(
+                ExitCode::kIOFailed,
+                fmt::format("\"{}\" cannot be read to its end: {}; check its volume, or get another copy", mPath,
+                            LibAVMessage(result == AVERROR_EOF ? streamError : result)));
         }
         const bool isTaken = std::any_of(mStreams.begin(), mStreams.end(), [&](const AVStream* inStream) {
             return inStream->index == packet->stream_index;
@@ -342,16 +355,17 @@ std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream
 }
 
 void RefuseOption(const std::string& inOption, const MediaSource& inSource, const AVStream& inStream,
-                  const std::string& inReason)
+                  const std::string& inReason, const std::string& inRemedy)
 {
-    throw CommandError(ExitCode::kInputRefused,
-                       fmt::format("{} does not fit {}: {}", inOption, DescribeStream(inSource, inStream), inReason));
+    throw CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit {}: {}; {}", inOption,
+                                                            DescribeStream(inSource, inStream), inReason, inRemedy));
 }
 
-void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason)
+void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason,
+                  const std::string& inRemedy)
 {
-    throw CommandError(ExitCode::kInputRefused,
-                       fmt::format("{} cannot be wrapped: {}", DescribeStream(inSource, inStream), inReason));
+    throw CommandError(ExitCode::kInputRefused, fmt::format("{} cannot be wrapped: {}; {}",
+                                                            DescribeStream(inSource, inStream), inReason, inRemedy));
 }
 
 } // namespace Host

@@ -68,12 +68,14 @@ private:
 //! Names a stream in a sentence: `stream 1 (audio, pcm_s16le) of "a.mov"`.
 std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream);
 
-//! Ends the command because an option, named as the user wrote it, does not fit the stream; `inReason` completes
-//! "... does not fit stream ...: ".
+//! Ends the command because an option, named as the user wrote it, does not fit the stream: "... does not fit stream
+//! ...: ", the reason and, behind a semicolon, what to do.
 [[noreturn]] void RefuseOption(const std::string& inOption, const MediaSource& inSource, const AVStream& inStream,
-                               const std::string& inReason);
+                               const std::string& inReason, const std::string& inRemedy);
 
-//! Ends the command because a movie cannot hold the stream; `inReason` completes "stream ... cannot be wrapped: ".
-[[noreturn]] void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason);
+//! Ends the command because a movie cannot hold the stream: "stream ... cannot be wrapped: ", the reason and, behind a
+//! semicolon, what to do.
+[[noreturn]] void RefuseStream(const MediaSource& inSource, const AVStream& inStream, const std::string& inReason,
+                               const std::string& inRemedy);
 
 } // namespace Host

@@ -30,24 +30,26 @@ bool IsPrintable(unsigned char inByte)
 [[noreturn]] void Fail(const std::filesystem::path& inPath, const std::string& inReason)
 {
     throw CommandError(ExitCode::kIOFailed,
-                       fmt::format("\"{}\" was not written completely: {}; check the disk", inPath.string(), inReason));
+                       fmt::format("\"{}\" was not written completely: {}; check its volume, and run the command again",
+                                   inPath.string(), inReason));
 }
 
 } // namespace
 
-MovieLayout ReadMovieLayout(const std::filesystem::path& inPath)
+MovieLayout ReadMovieLayout(const std::filesystem::path& inPath, const std::filesystem::path& inName)
 {
+    const std::filesystem::path& name = inName.empty() ? inPath : inName;
     try
     {
-        return ReadMovieLayout(Inspect::FileSource(inPath), inPath);
+        return ReadMovieLayout(Inspect::FileSource(inPath), name);
     }
     catch (const std::system_error& error)
     {
-        Fail(inPath, fmt::format("it cannot be read back ({})", error.code().message()));
+        Fail(name, fmt::format("it cannot be read back ({})", error.code().message()));
     }
 }
 
-MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesystem::path& inPath)
+MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesystem::path& inName)
 {
     MovieLayout layout;
     bool hasMovie = false;
@@ -65,16 +67,16 @@ MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesy
         }
         if (available < (isLarge ? kLargeHeaderSize : kHeaderSize) || size < (isLarge ? kLargeHeaderSize : kHeaderSize))
         {
-            Fail(inPath, fmt::format("byte {} does not start an atom", offset));
+            Fail(inName, fmt::format("byte {} does not start an atom", offset));
         }
         if (size > layout.fileSize - offset)
         {
-            Fail(inPath,
+            Fail(inName,
                  fmt::format("the file ends {} bytes before its last atom does", size - (layout.fileSize - offset)));
         }
         if (!std::all_of(header.begin() + 4, header.begin() + 8, IsPrintable))
         {
-            Fail(inPath, fmt::format("the atom at byte {} has no type", offset));
+            Fail(inName, fmt::format("the atom at byte {} has no type", offset));
         }
         if (std::memcmp(header.data() + 4, "moov", 4) == 0)
         {
@@ -91,7 +93,7 @@ MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesy
     }
     if (!hasMovie || !hasMedia)
     {
-        Fail(inPath, !hasMovie ? "it has no 'moov' atom" : "it has no 'mdat' atom");
+        Fail(inName, !hasMovie ? "it has no 'moov' atom" : "it has no 'mdat' atom");
     }
     return layout;
 }

@@ -25,8 +25,8 @@ struct MovieLayout
 //! Reads the headers of the file's top-level atoms, which must follow each other from its first to its last byte and
 //! hold one 'moov' and one 'mdat'. A media block that never reached the disk shows here and nowhere else.
 //!
-//! Throws CommandError with `kIOFailed` otherwise.
-MovieLayout ReadMovieLayout(const std::filesystem::path& inPath);
+//! Throws CommandError with `kIOFailed` otherwise, under `inName` where the file is to get another name.
+MovieLayout ReadMovieLayout(const std::filesystem::path& inPath, const std::filesystem::path& inName = {});
 
 //! The same of a file that is read through `inFile`; sentences call it `inPath`.
 MovieLayout ReadMovieLayout(const Inspect::ByteSource& inFile, const std::filesystem::path& inPath);

@@ -9,6 +9,23 @@
 namespace Host
 {
 
+namespace
+{
+
+//! What the user can do about a failure of the library.
+const char* RemedyFor(Tolbin::Result inResult)
+{
+    if (Tolbin::SystemErrorFromResult(inResult) != 0 || inResult == Tolbin::kResultShortWrite)
+    {
+        return "check the space and the state of its volume, or write to another";
+    }
+    return inResult == QT::kQTErrTooLarge           ? "divide the inputs"
+           : inResult == Tolbin::kResultOutOfMemory ? "end other programs, and run the command again"
+                                                    : "please report this with the command line";
+}
+
+} // namespace
+
 MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale)
     : mName(inName.string()), mWriter(QT::CreateReelmill())
 {
@@ -43,12 +60,15 @@ void MovieWriter::Check(Tolbin::Result inResult)
 {
     if (inResult < 0)
     {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("\"{}\" cannot be written: {}", mName, Tolbin::ResultMessage(inResult)));
+        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be written: {}; {}", mName,
+                                                            Tolbin::ResultMessage(inResult), RemedyFor(inResult)));
     }
     if (mReport)
     {
-        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" would not be a sound movie: {}", mName, *mReport));
+        throw CommandError(
+            ExitCode::kIOFailed,
+            fmt::format("\"{}\" would not be a sound movie: {}; please report this with the command line", mName,
+                        *mReport));
     }
 }
 

@@ -27,10 +27,11 @@ constexpr int kMaximumPartNumber = 1000;
     throw CommandError(ExitCode::kInputRefused, fmt::format("\"{}\" {}", inPath.string(), inReason));
 }
 
-[[noreturn]] void FailSystem(const fs::path& inPath, const char* inWhat, int inError)
+[[noreturn]] void FailSystem(const fs::path& inPath, const char* inWhat, int inError,
+                             const char* inRemedy = "check the permissions of its folder, or write to another")
 {
-    throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be {}: {}", inPath.string(), inWhat,
-                                                        std::generic_category().message(inError)));
+    throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be {}: {}; {}", inPath.string(), inWhat,
+                                                        std::generic_category().message(inError), inRemedy));
 }
 
 bool IsValidUTF8(const std::string& inText)
@@ -100,7 +101,8 @@ OutputFile::OutputFile(const fs::path& inPath, bool inOverwrite, const std::vect
     const fs::path folder = inPath.has_parent_path() ? inPath.parent_path() : fs::path(".");
     if (!fs::is_directory(folder, error))
     {
-        Refuse(inPath, fmt::format("cannot be created: there is no folder \"{}\"", folder.string()));
+        Refuse(inPath,
+               fmt::format("cannot be created: there is no folder \"{}\"; make it, or name another", folder.string()));
     }
 }
 
@@ -165,7 +167,7 @@ void OutputFile::Commit()
     {
         if (::unlink(mPart.c_str()) != 0)
         {
-            FailSystem(mPart, "removed", errno);
+            FailSystem(mPart, "removed", errno, "the output is complete, so remove this file yourself");
         }
         mPart.clear();
         return;

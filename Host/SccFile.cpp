@@ -17,9 +17,10 @@ constexpr AVRational kNtscRate = {30000, 1001};
 constexpr int kFrames = 30; //!< that a second of the file's timecode counts
 constexpr CaptionBytes kPadding = {0x80, 0x80};
 
-[[noreturn]] void RefuseLine(const std::string& inPath, int inNumber, const std::string& inReason)
+[[noreturn]] void RefuseLine(const std::string& inPath, int inNumber, const std::string& inReason,
+                             const std::string& inRemedy)
 {
-    RefuseSideFile(kOption, inPath, fmt::format("line {}: {}", inNumber, inReason));
+    RefuseSideFile(kOption, inPath, fmt::format("line {}: {}", inNumber, inReason), inRemedy);
 }
 
 std::string_view Trimmed(std::string_view inText)
@@ -56,7 +57,8 @@ std::vector<SccLine> ParseScc(const std::string& inPath, std::string_view inText
     const std::vector<std::string_view> texts = SplitLines(inText);
     if (texts.empty() || Trimmed(texts.front()) != "Scenarist_SCC V1.0")
     {
-        RefuseSideFile(kOption, inPath, "it is no SCC file, whose first line is \"Scenarist_SCC V1.0\"");
+        RefuseSideFile(kOption, inPath, "it is no SCC file, whose first line is \"Scenarist_SCC V1.0\"",
+                       "convert the captions to SCC");
     }
     std::vector<SccLine> lines;
     for (std::size_t index = 1; index < texts.size(); ++index)
@@ -72,11 +74,12 @@ std::vector<SccLine> ParseScc(const std::string& inPath, std::string_view inText
         const std::optional<Timecode> timecode = ParseTimecode(time);
         if (!timecode)
         {
-            RefuseLine(inPath, line.number, fmt::format("\"{}\" is no timecode HH:MM:SS:FF or HH:MM:SS;FF", time));
+            RefuseLine(inPath, line.number, fmt::format("\"{}\" is no timecode", time),
+                       "write it as HH:MM:SS:FF or HH:MM:SS;FF");
         }
         if (const auto fault = FindTimecodeFault(*timecode, kNtscRate))
         {
-            RefuseLine(inPath, line.number, fmt::format("{}: {}", time, *fault));
+            RefuseLine(inPath, line.number, fmt::format("{}: {}", time, fault->reason), fault->remedy);
         }
         line.timecode = *timecode;
         while (!text.empty())
@@ -85,18 +88,20 @@ std::vector<SccLine> ParseScc(const std::string& inPath, std::string_view inText
             const std::optional<CaptionBytes> pair = ParsePair(word);
             if (!pair)
             {
-                RefuseLine(inPath, line.number,
-                           fmt::format("\"{}\" is no pair of bytes, which is four hexadecimal digits", word));
+                RefuseLine(inPath, line.number, fmt::format("\"{}\" is no pair of bytes", word),
+                           "write each pair as four hexadecimal digits");
             }
             line.pairs.push_back(*pair);
         }
         if (!lines.empty() && CountFrames(line.timecode, kFrames) < CountFrames(lines.back().timecode, kFrames))
         {
-            RefuseLine(inPath, line.number, "its timecode is before that of the line above it");
+            RefuseLine(inPath, line.number, "its timecode is before that of the line above it",
+                       "sort the lines by their timecodes");
         }
         if (!lines.empty() && line.timecode.isDropFrame != lines.back().timecode.isDropFrame)
         {
-            RefuseLine(inPath, line.number, "drop-frame and other timecodes stand in one file");
+            RefuseLine(inPath, line.number, "drop-frame and other timecodes stand in one file",
+                       "write all with a semicolon in front of the frames, or all with a colon");
         }
         lines.push_back(std::move(line));
     }
@@ -104,7 +109,7 @@ std::vector<SccLine> ParseScc(const std::string& inPath, std::string_view inText
         std::all_of(lines.begin(), lines.end(), [](const SccLine& inLine) { return inLine.pairs.empty(); });
     if (isEmpty)
     {
-        RefuseSideFile(kOption, inPath, "it has no captions");
+        RefuseSideFile(kOption, inPath, "it has no captions", "name another file, or leave the option out");
     }
     return lines;
 }
@@ -123,9 +128,10 @@ CaptionQueue::CaptionQueue(const std::string& inPath, const std::vector<SccLine>
     {
         if (isTrue30 && line.timecode.isDropFrame)
         {
-            RefuseLine(inPath, line.number,
-                       fmt::format("drop-frame timecode does not exist beside video of {} frames per second",
-                                   inVideoRate.num));
+            RefuseLine(
+                inPath, line.number,
+                fmt::format("drop-frame timecode does not exist beside video of {} frames per second", inVideoRate.num),
+                "convert the captions to timecodes with a colon in front of the frames");
         }
         Timecode start = inStart;
         start.isDropFrame = line.timecode.isDropFrame;
@@ -133,8 +139,9 @@ CaptionQueue::CaptionQueue(const std::string& inPath, const std::vector<SccLine>
         if (first < 0)
         {
             RefuseLine(inPath, line.number,
-                       fmt::format("{} is before {}, where the video begins; say with --start which timecode does",
-                                   FormatTimecode(line.timecode), FormatTimecode(inStart)));
+                       fmt::format("{} is before {}, where the video begins", FormatTimecode(line.timecode),
+                                   FormatTimecode(inStart)),
+                       "say with --start which timecode is on the first video frame");
         }
         next = std::max(next, first);
         for (const CaptionBytes& bytes : line.pairs)

@@ -18,7 +18,8 @@ std::string ReadSideFile(const std::string& inOption, const std::string& inPath)
     constexpr std::size_t kMaximumSize = 64 * 1024 * 1024;
     const auto fail = [&](const std::string& inReason) {
         throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("{} \"{}\": the file cannot be read: {}", inOption, inPath, inReason));
+                           fmt::format("{} \"{}\": the file cannot be read: {}; check its name and permissions",
+                                       inOption, inPath, inReason));
     };
     std::error_code error;
     if (std::filesystem::is_directory(inPath, error))
@@ -37,7 +38,7 @@ std::string ReadSideFile(const std::string& inOption, const std::string& inPath)
         content.append(block, static_cast<std::size_t>(file.gcount()));
         if (content.size() > kMaximumSize)
         {
-            RefuseSideFile(inOption, inPath, "it is larger than 64 MiB");
+            RefuseSideFile(inOption, inPath, "it is larger than 64 MiB", "name the right file, or divide it");
         }
     }
     if (file.bad())
@@ -47,9 +48,10 @@ std::string ReadSideFile(const std::string& inOption, const std::string& inPath)
     return content;
 }
 
-void RefuseSideFile(const std::string& inOption, const std::string& inPath, const std::string& inReason)
+void RefuseSideFile(const std::string& inOption, const std::string& inPath, const std::string& inReason,
+                    const std::string& inRemedy)
 {
-    throw CommandError(ExitCode::kInputRefused, fmt::format("{} \"{}\": {}", inOption, inPath, inReason));
+    throw CommandError(ExitCode::kInputRefused, fmt::format("{} \"{}\": {}; {}", inOption, inPath, inReason, inRemedy));
 }
 
 std::vector<std::string_view> SplitLines(std::string_view inText)

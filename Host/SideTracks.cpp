@@ -138,9 +138,11 @@ void SideTracks::FitTimecode(const std::vector<Media>& inMedia)
     }
     if (mOptions.timecode && !mVideo)
     {
-        throw CommandError(ExitCode::kInputRefused,
-                           fmt::format("--timecode {} does not fit the inputs: there is no video to count",
-                                       FormatTimecode(*mOptions.timecode)));
+        throw CommandError(
+            ExitCode::kInputRefused,
+            fmt::format("--timecode {} does not fit the inputs: there is no video to count; leave it out, or "
+                        "add an input with video",
+                        FormatTimecode(*mOptions.timecode)));
     }
     TimecodeTrack track;
     std::string name = mOptions.timecode ? FormatTimecode(*mOptions.timecode) : std::string();
@@ -157,17 +159,18 @@ void SideTracks::FitTimecode(const std::vector<Media>& inMedia)
     }
     const Track& video = *inMedia[track.video].track;
     const std::optional<Timecode> timecode = mOptions.timecode ? mOptions.timecode : ParseTimecode(tag);
-    const std::optional<std::string> fault =
-        timecode ? FindTimecodeFault(*timecode, video.GetFrameRate()) : "it is no timecode HH:MM:SS:FF";
+    const std::optional<TimecodeFault> fault = timecode ? FindTimecodeFault(*timecode, video.GetFrameRate())
+                                                        : TimecodeFault{"it is no timecode HH:MM:SS:FF", {}};
     if (fault)
     {
         const std::string stream = DescribeStream(video.GetSource(), video.GetStream());
-        throw CommandError(ExitCode::kInputRefused,
-                           mOptions.timecode
-                               ? fmt::format("--timecode {} does not fit {}: {}", name, stream, *fault)
-                               : fmt::format("the timecode {} of {} cannot be written: {}; give another with "
-                                             "--timecode, or none with --timecode none",
-                                             tag, stream, *fault));
+        throw CommandError(
+            ExitCode::kInputRefused,
+            mOptions.timecode
+                ? fmt::format("--timecode {} does not fit {}: {}; {}", name, stream, fault->reason, fault->remedy)
+                : fmt::format("the timecode {} of {} cannot be written: {}; give another with "
+                              "--timecode, or none with --timecode none",
+                              tag, stream, fault->reason));
     }
     track.timecode = *timecode;
     track.rate = video.GetFrameRate();
@@ -234,7 +237,8 @@ void SideTracks::RefuseStart(const TextTrack& inTrack, const Cue& inCue, double 
 {
     RefuseSideFile(inTrack.option, inTrack.source,
                    fmt::format("it does not fit the input: \"{}\" starts at {:.3f} s, and the movie ends at {:.3f} s",
-                               inCue.text, static_cast<double>(inCue.start) / kCueTimeScale, inEnd));
+                               inCue.text, static_cast<double>(inCue.start) / kCueTimeScale, inEnd),
+                   "shift its times, or remove what lies behind the end");
 }
 
 //! The end of the movie in units of the track's cues.
@@ -260,10 +264,10 @@ void SideTracks::FitTexts(std::optional<double> inEnd)
         {
             if (Tolbin::string::UTF8to16(cue.text).size() > kMaximumText)
             {
-                mRefusals.Refuse(
-                    CommandError(ExitCode::kInputRefused,
-                                 fmt::format("a text of \"{}\" has more than the {} characters that a sample holds",
-                                             track.source, kMaximumText)));
+                mRefusals.Refuse(CommandError(
+                    ExitCode::kInputRefused,
+                    fmt::format("a text of \"{}\" has more than the {} characters that a sample holds; divide it",
+                                track.source, kMaximumText)));
             }
         }
         if (track.hasFormatting)
@@ -295,7 +299,8 @@ void SideTracks::FitCaptions(std::optional<double> inEnd)
     }
     if (!mVideo)
     {
-        RefuseSideFile("--captions", mOptions.captions, "it does not fit the inputs: there is no video to caption");
+        RefuseSideFile("--captions", mOptions.captions, "it does not fit the inputs: there is no video to caption",
+                       "leave the option out, or add an input with video");
     }
     Timecode start;
     const Timecode& first = mCaptionLines.front().timecode;
@@ -319,9 +324,9 @@ void SideTracks::FitCaptions(std::optional<double> inEnd)
         RefuseSideFile(
             "--captions", mOptions.captions,
             fmt::format("it does not fit the input: its first caption {} falls {:.3f} s behind {}, where the "
-                        "video begins, and the movie ends at {:.3f} s; say with --start which timecode is on "
-                        "the first video frame",
-                        FormatTimecode(first), queue.GetFirstSeconds(), FormatTimecode(start), *inEnd));
+                        "video begins, and the movie ends at {:.3f} s",
+                        FormatTimecode(first), queue.GetFirstSeconds(), FormatTimecode(start), *inEnd),
+            "say with --start which timecode is on the first video frame");
     }
     Side side;
     side.kind = "captions";
@@ -361,9 +366,10 @@ void SideTracks::FitNumbers(const std::vector<Media>& inMedia)
     const auto check = [&](const std::string& inOption, int inNumber) {
         if (inNumber > count)
         {
-            mRefusals.Refuse(CommandError(ExitCode::kInputRefused,
-                                          fmt::format("{} names track {}, but the movie has {} (1 to {}: {})", inOption,
-                                                      inNumber, count, count, fmt::join(kinds, ", "))));
+            mRefusals.Refuse(
+                CommandError(ExitCode::kInputRefused,
+                             fmt::format("{} names track {}, but the movie has {} ({}); write a number from 1 to {}",
+                                         inOption, inNumber, count, fmt::join(kinds, ", "), count)));
         }
         return inNumber <= count;
     };
@@ -388,9 +394,9 @@ void SideTracks::FitNumbers(const std::vector<Media>& inMedia)
         if (isChapters ? kind != "chapters" && kind != "text" : kind != "timecode")
         {
             mRefusals.Refuse(CommandError(ExitCode::kInputRefused,
-                                          fmt::format("{} does not fit: track {} is {}, and {} are in a {} track",
-                                                      option, reference.to, kind, isChapters ? "chapters" : "timecodes",
-                                                      isChapters ? "text" : "timecode")));
+                                          fmt::format("{} does not fit: track {} is {}; name a {} track, of these: {}",
+                                                      option, reference.to, kind, isChapters ? "text" : "timecode",
+                                                      fmt::join(kinds, ", "))));
         }
     }
 }

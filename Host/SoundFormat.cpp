@@ -176,14 +176,15 @@ Quorlan::AudioChannelLayout ChosenLabels(const MediaSource& inSource, const AVSt
     if (!inLabels.labels.empty() && inLabels.labels.size() != static_cast<std::size_t>(count))
     {
         RefuseOption(inLabels.option, inSource, inStream,
-                     fmt::format("the channels are {}, and the labels {}; give one for each channel", count,
-                                 inLabels.labels.size()));
+                     fmt::format("the channels are {}, and the labels {}", count, inLabels.labels.size()),
+                     "give one for each channel");
     }
     constexpr int kMaximumDiscrete = 0xFFFF;
     if (inLabels.firstDiscrete + count - 1 > kMaximumDiscrete)
     {
         RefuseOption(inLabels.option, inSource, inStream,
-                     fmt::format("the channels are {}, and numbers end at {}", count, kMaximumDiscrete));
+                     fmt::format("the channels are {}, and numbers end at {}", count, kMaximumDiscrete),
+                     "begin with a lower number");
     }
     if (inLabels.labels.empty())
     {
@@ -263,16 +264,20 @@ SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream,
         RefuseStream(inSource, inStream,
                      codec == nullptr ? "its codec is not known"
                      : isPCM          ? fmt::format("{} is not a form of PCM that the format can hold", codec->name)
-                             : fmt::format("{} is compressed, and only PCM audio can be written", codec->name));
+                                      : fmt::format("{} is compressed, and only PCM audio can be written", codec->name),
+                     "convert it to PCM of 8 to 32 bits first");
     }
     int channels = parameters.ch_layout.nb_channels;
     if (channels <= 0 || channels > UINT16_MAX)
     {
-        RefuseStream(inSource, inStream, fmt::format("it has {} channels", channels));
+        RefuseStream(inSource, inStream,
+                     fmt::format("it has {} channels, and a track has 1 to {}", channels, UINT16_MAX),
+                     "get a sound copy of the input, or divide its channels");
     }
     if (parameters.sample_rate <= 0)
     {
-        RefuseStream(inSource, inStream, fmt::format("its sample rate is {} Hz", parameters.sample_rate));
+        RefuseStream(inSource, inStream, fmt::format("its sample rate is {} Hz", parameters.sample_rate),
+                     "get a sound copy of the input");
     }
     SoundFormat format;
     format.sampleRate = parameters.sample_rate;
@@ -282,7 +287,8 @@ SoundFormat DescribeSound(const MediaSource& inSource, const AVStream& inStream,
     {
         RefuseStream(
             inSource, inStream,
-            fmt::format("its sample frames have {} bytes instead of {}", parameters.block_align, format.bytesPerFrame));
+            fmt::format("its sample frames have {} bytes instead of {}", parameters.block_align, format.bytesPerFrame),
+            "convert it to PCM without padding first");
     }
     bool isDiscrete = inLabels != nullptr;
     Quorlan::AudioChannelLayout labels = inLabels != nullptr ? ChosenLabels(inSource, inStream, *inLabels)

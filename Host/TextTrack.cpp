@@ -39,7 +39,7 @@ FormatPtr OpenText(const std::string& inPath)
     av_dict_free(&options);
     if (result < 0)
     {
-        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file");
+        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file", "convert the texts to one of these");
     }
     return FormatPtr(opened);
 }
@@ -53,7 +53,7 @@ CodecPtr OpenDecoder(const std::string& inPath, const AVStream& inStream)
     const AVCodec* decoder = isText ? avcodec_find_decoder(inStream.codecpar->codec_id) : nullptr;
     if (decoder == nullptr)
     {
-        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file");
+        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file", "convert the texts to one of these");
     }
     CodecPtr codec(avcodec_alloc_context3(decoder));
     if (codec == nullptr)
@@ -64,7 +64,7 @@ CodecPtr OpenDecoder(const std::string& inPath, const AVStream& inStream)
     const int result = avcodec_parameters_to_context(codec.get(), inStream.codecpar);
     if (result < 0 || avcodec_open2(codec.get(), decoder, nullptr) < 0)
     {
-        RefuseSideFile(kOption, inPath, "its texts cannot be decoded");
+        RefuseSideFile(kOption, inPath, "its texts cannot be decoded", "convert them to SRT or WebVTT");
     }
     return codec;
 }
@@ -86,8 +86,9 @@ std::string Decode(const std::string& inPath, AVCodecContext& ioCodec, AVPacket&
     {
         RefuseSideFile(kOption, inPath,
                        result == AVERROR_INVALIDDATA
-                           ? "a text is damaged, or not valid UTF-8; convert the file"
-                           : fmt::format("a text cannot be decoded: {}", LibAVMessage(result)));
+                           ? "a text is damaged, or not valid UTF-8"
+                           : fmt::format("a text cannot be decoded: {}", LibAVMessage(result)),
+                       "convert the file to UTF-8, or mend it");
     }
     return text;
 }
@@ -150,13 +151,13 @@ CueFile ReadTextFile(const std::string& inPath)
         const std::string head = ReadSideFile(kOption, inPath).substr(0, 2);
         if (head != "\xFF\xFE" && head != "\xFE\xFF")
         {
-            RefuseSideFile(kOption, inPath, "it is not valid UTF-8; convert it");
+            RefuseSideFile(kOption, inPath, "it is not valid UTF-8", "convert it");
         }
     }
     const FormatPtr format = OpenText(inPath);
     if (format->nb_streams != 1)
     {
-        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file");
+        RefuseSideFile(kOption, inPath, "it is no SRT or WebVTT file", "convert the texts to one of these");
     }
     const AVStream& stream = *format->streams[0];
     const CodecPtr codec = OpenDecoder(inPath, stream);
@@ -175,7 +176,8 @@ CueFile ReadTextFile(const std::string& inPath)
         }
         if (result < 0)
         {
-            throw CommandError(ExitCode::kIOFailed, fmt::format("{} \"{}\": the file cannot be read to its end: {}",
+            throw CommandError(ExitCode::kIOFailed, fmt::format("{} \"{}\": the file cannot be read to its end: {}; "
+                                                                "check its volume, or get another copy",
                                                                 kOption, inPath, LibAVMessage(result)));
         }
         Cue cue;
@@ -186,7 +188,8 @@ CueFile ReadTextFile(const std::string& inPath)
         {
             RefuseSideFile(
                 kOption, inPath,
-                fmt::format("the text at {:.3f} s has no length", static_cast<double>(cue.start) / kCueTimeScale));
+                fmt::format("the text at {:.3f} s has no length", static_cast<double>(cue.start) / kCueTimeScale),
+                "give it an end behind its start");
         }
         if (!cue.text.empty())
         {
@@ -195,7 +198,7 @@ CueFile ReadTextFile(const std::string& inPath)
     }
     if (file.cues.empty())
     {
-        RefuseSideFile(kOption, inPath, "it has no texts");
+        RefuseSideFile(kOption, inPath, "it has no texts", "name another file, or leave the option out");
     }
     std::stable_sort(file.cues.begin(), file.cues.end(),
                      [](const Cue& inLeft, const Cue& inRight) { return inLeft.start < inRight.start; });

@@ -62,31 +62,35 @@ int TimecodeFrames(AVRational inRate)
     return inRate.num > 0 && inRate.den > 0 ? static_cast<int>(std::lround(av_q2d(inRate))) : 0;
 }
 
-std::optional<std::string> FindTimecodeFault(const Timecode& inTimecode, AVRational inRate)
+std::optional<TimecodeFault> FindTimecodeFault(const Timecode& inTimecode, AVRational inRate)
 {
     constexpr int kMaximumFrames = 255; // 8 bits in the sample description
     const int frames = TimecodeFrames(inRate);
     if (frames < 1 || frames > kMaximumFrames)
     {
-        return frames == 0 ? "the video has no constant frame rate to count by"
-                           : fmt::format("timecode cannot count {} frames per second", frames);
+        return TimecodeFault{frames == 0 ? "the video has no constant frame rate to count by"
+                                         : fmt::format("timecode cannot count {} frames per second", frames),
+                             "leave the timecode out"};
     }
     if (inTimecode.isDropFrame && !HasDropFrame(inRate))
     {
-        return fmt::format("drop-frame timecode does not exist at {:.6g} frames per second, only at 29.97 and its "
-                           "multiples; write a colon in front of the frames",
-                           av_q2d(inRate));
+        return TimecodeFault{
+            fmt::format("drop-frame timecode does not exist at {:.6g} frames per second, only at 29.97 "
+                        "and its multiples",
+                        av_q2d(inRate)),
+            "write a colon in front of the frames"};
     }
     if (inTimecode.frames >= frames)
     {
-        return fmt::format("frame {} does not exist at {:.6g} frames per second, which are numbered from 0 to {}",
-                           inTimecode.frames, av_q2d(inRate), frames - 1);
+        return TimecodeFault{
+            fmt::format("frame {} does not exist at {:.6g} frames per second", inTimecode.frames, av_q2d(inRate)),
+            fmt::format("write one from 0 to {}", frames - 1)};
     }
     if (inTimecode.isDropFrame && inTimecode.minutes % 10 != 0 && inTimecode.seconds == 0 &&
         inTimecode.frames < DroppedNumbers(frames))
     {
-        return fmt::format("drop-frame counting passes over this number; the minute begins with ;{:02}",
-                           DroppedNumbers(frames));
+        return TimecodeFault{"drop-frame counting passes over this number",
+                             fmt::format("begin the minute with ;{:02}", DroppedNumbers(frames))};
     }
     return std::nullopt;
 }

@@ -29,8 +29,15 @@ std::string FormatTimecode(const Timecode& inTimecode);
 //! Numbers in a second of timecode at a frame rate: 30 at 30000/1001. 0 when there is no rate.
 int TimecodeFrames(AVRational inRate);
 
-//! Why a timecode cannot stand on a frame at this rate, as the end of a sentence; none when it can.
-std::optional<std::string> FindTimecodeFault(const Timecode& inTimecode, AVRational inRate);
+//! What is wrong with a timecode and what to write instead, each as a part of a sentence.
+struct TimecodeFault
+{
+    std::string reason;
+    std::string remedy;
+};
+
+//! Why a timecode cannot stand on a frame at this rate; none when it can.
+std::optional<TimecodeFault> FindTimecodeFault(const Timecode& inTimecode, AVRational inRate);
 
 //! The frame's number since 00:00:00:00, where a second has `inFrames` numbers. Drop-frame counting passes over the
 //! first numbers (;00 and ;01 of 30) of every minute but each tenth.

@@ -88,7 +88,8 @@ void Track::Push(PacketPtr inPacket)
                                  (size == 0 || std::memcmp(extradata, parameters.extradata, size) == 0));
     if (!isSame || av_packet_get_side_data(inPacket.get(), AV_PKT_DATA_PARAM_CHANGE, &size) != nullptr)
     {
-        RefuseStream(mSource, mStream, "its format changes on the way, and a track has one format");
+        RefuseStream(mSource, mStream, "its format changes on the way, and a track has one format",
+                     "divide the input where it changes");
     }
     Take(std::move(inPacket));
 }
@@ -156,7 +157,7 @@ VideoTrack::VideoTrack(const MediaSource& inSource, AVStream& ioStream, const Vi
 {
     if (ioStream.time_base.num <= 0 || ioStream.time_base.den <= 0)
     {
-        RefuseStream(inSource, ioStream, "it has no time base");
+        RefuseStream(inSource, ioStream, "it has no time base", "rewrite the input in another container");
     }
 }
 
@@ -188,25 +189,28 @@ void VideoTrack::Take(PacketPtr inPacket)
     if (mFormat.needsKeyFlag && (inPacket->flags & AV_PKT_FLAG_KEY) == 0)
     {
         RefuseStream(GetSource(), GetStream(),
-                     "it has frames that need others, and only frames that stand alone can be "
-                     "written");
+                     "it has frames that need others, and only frames that stand alone can be written",
+                     "convert the video to intra frames only");
     }
     if (mFormat.frameSize != 0 && static_cast<std::size_t>(inPacket->size) != mFormat.frameSize)
     {
         RefuseStream(GetSource(), GetStream(),
-                     fmt::format("a frame has {} bytes where its pixels take {}; rows with padding cannot be written",
-                                 inPacket->size, mFormat.frameSize));
+                     fmt::format("a frame has {} bytes where its pixels take {}, and padding cannot be written",
+                                 inPacket->size, mFormat.frameSize),
+                     "rewrite the input without it");
     }
     if (mFormat.isOneImage && !HasStarted() && HasSecondImage(*inPacket))
     {
-        RefuseStream(GetSource(), GetStream(), "its frames hold an image for each field, and 'jpeg' samples hold one");
+        RefuseStream(GetSource(), GetStream(), "its frames hold an image for each field, and 'jpeg' samples hold one",
+                     "convert the video to another codec");
     }
     std::int64_t tick = inPacket->pts != AV_NOPTS_VALUE ? inPacket->pts : inPacket->dts;
     if (tick == AV_NOPTS_VALUE)
     {
         if (HasStarted() && mLastTickDuration <= 0)
         {
-            RefuseStream(GetSource(), GetStream(), "a frame has no time, and the frame before it no duration");
+            RefuseStream(GetSource(), GetStream(), "a frame has no time, and the frame before it no duration",
+                         "rewrite the input with a time for every frame");
         }
         tick = HasStarted() ? mLastTick + mLastTickDuration : 0;
     }
@@ -227,9 +231,10 @@ void VideoTrack::Take(PacketPtr inPacket)
         if (mLastDuration <= 0)
         {
             RefuseStream(GetSource(), GetStream(),
-                         fmt::format("{} at {:.3f} s; frames must follow each other in time",
+                         fmt::format("{} at {:.3f} s",
                                      mLastDuration == 0 ? "two frames have the same time" : "its times go backwards",
-                                     static_cast<double>(tick) * av_q2d(GetStream().time_base)));
+                                     static_cast<double>(tick) * av_q2d(GetStream().time_base)),
+                         "rewrite the input with frames that follow each other in time");
         }
         mHeld->lastDuration = mLastDuration;
     }
@@ -248,7 +253,8 @@ void VideoTrack::SetFinalDuration(Sample& ioSample)
     }
     if (ioSample.lastDuration <= 0)
     {
-        RefuseStream(GetSource(), GetStream(), "it is one frame of which the input does not say how long it lasts");
+        RefuseStream(GetSource(), GetStream(), "it is one frame of which the input does not say how long it lasts",
+                     "rewrite the input with its duration");
     }
 }
 
@@ -282,7 +288,7 @@ SoundTrack::SoundTrack(const MediaSource& inSource, AVStream& ioStream, const Au
     const AVRational& base = ioStream.time_base;
     if (base.num <= 0 || base.den <= 0)
     {
-        RefuseStream(inSource, ioStream, "it has no time base");
+        RefuseStream(inSource, ioStream, "it has no time base", "rewrite the input in another container");
     }
     const std::int64_t samplesPerTick = av_rescale_rnd(base.num, mFormat.sampleRate, base.den, AV_ROUND_UP);
     const bool isExact = static_cast<std::int64_t>(base.num) * mFormat.sampleRate == base.den;
@@ -341,7 +347,8 @@ void SoundTrack::Take(PacketPtr inPacket)
     size -= static_cast<int>((skipped + cut) * mFormat.bytesPerFrame);
     if (mPartialSize != 0)
     {
-        RefuseStream(GetSource(), GetStream(), "a packet ends inside a sample frame");
+        RefuseStream(GetSource(), GetStream(), "a packet ends inside a sample frame",
+                     "rewrite the input, or get a sound copy");
     }
     mPartialSize = size % mFormat.bytesPerFrame;
     const int count = size / mFormat.bytesPerFrame;
@@ -361,7 +368,8 @@ void SoundTrack::Take(PacketPtr inPacket)
         {
             RefuseStream(GetSource(), GetStream(),
                          fmt::format("its times go backwards at {:.3f} s",
-                                     static_cast<double>(tick) * av_q2d(GetStream().time_base)));
+                                     static_cast<double>(tick) * av_q2d(GetStream().time_base)),
+                         "rewrite the input with times that go forward");
         }
         mLastTick = tick;
         const std::int64_t gap = position - mFirstPosition - mNext;

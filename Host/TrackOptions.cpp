@@ -180,7 +180,8 @@ TrackOptions ParseTrackOptions(const TrackArguments& inArguments)
         options.captionsStart = ParseTimecodeOption("--start", inArguments.start);
         if (options.captions.empty())
         {
-            RefuseValue("--start", inArguments.start, "is for the captions of --captions, and there are none");
+            RefuseValue("--start", inArguments.start,
+                        "is for the captions of --captions, and there are none; leave it out");
         }
     }
     for (const std::string& text : inArguments.trimIns)

@@ -49,7 +49,8 @@ void PrintFindings(const std::string& inPath, const Inspect::Findings& inFinding
 void VerifyFiles(const VerifyOptions& inOptions, std::ostream& out)
 {
     std::size_t unsoundCount = 0;
-    std::string unreadable;
+    std::size_t unreadableCount = 0;
+    std::string unreadable; // The first.
     Json results = Json::array();
     for (const std::filesystem::path& input : inOptions.inputs)
     {
@@ -75,8 +76,13 @@ void VerifyFiles(const VerifyOptions& inOptions, std::ostream& out)
         }
         catch (const std::system_error& error)
         {
-            unreadable = fmt::format("{} cannot be read: {}", path, error.code().message());
-            results.push_back({{"file", path}, {"error", error.code().message()}});
+            const std::string message = error.code().message();
+            unreadable = unreadableCount++ == 0 ? fmt::format("\"{}\" cannot be read: {}", path, message) : unreadable;
+            results.push_back({{"file", path}, {"error", message}});
+            if (!inOptions.json)
+            {
+                fmt::print(out, "{}: cannot be read: {}\n", path, message);
+            }
         }
     }
     if (inOptions.json)
@@ -85,13 +91,14 @@ void VerifyFiles(const VerifyOptions& inOptions, std::ostream& out)
     }
     if (!unreadable.empty())
     {
-        throw CommandError(ExitCode::kIOFailed, unreadable);
+        const std::string more = unreadableCount > 1 ? fmt::format(", nor can {} more", unreadableCount - 1) : "";
+        throw CommandError(ExitCode::kIOFailed, fmt::format("{}{}; check names and permissions", unreadable, more));
     }
     if (unsoundCount != 0)
     {
         throw CommandError(ExitCode::kVerificationFailed,
-                           fmt::format("{} of {} files are not sound; the findings above say where", unsoundCount,
-                                       inOptions.inputs.size()));
+                           fmt::format("{} of {} files are not sound; see the findings, and write them anew",
+                                       unsoundCount, inOptions.inputs.size()));
     }
 }
 

@@ -18,6 +18,7 @@ namespace
 
 constexpr int kMaximumSize =
     65535; // Width and height have 16 bits in the entry, and in whole pixels in the track header.
+constexpr const char* kConvertVideo = "convert the video first, to ProRes, DNxHR or uncompressed 4:2:2 for example";
 constexpr int kDepthOpaque = 24;
 constexpr int kDepthAlpha = 32;
 
@@ -218,9 +219,10 @@ Codec DVCodec(const AVCodecParameters& inParameters, AVRational inFrameRate)
     return {};
 }
 
-//! What the codec is called in a movie, `outDepth` its bits per pixel. Refuses what has no tag.
-Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRational inFrameRate, VideoFormat& ioFormat,
-                  int& outDepth)
+//! What the codec is called in a movie, `outDepth` its bits per pixel. Refuses what has no tag, where the user gave none
+//! that can settle it.
+Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, const Choice<Code>& inTag,
+                  AVRational inFrameRate, VideoFormat& ioFormat, int& outDepth)
 {
     const AVCodecParameters& parameters = *inStream.codecpar;
     const AVPixFmtDescriptor* pixels = PixelsOf(parameters);
@@ -228,11 +230,13 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
 
     if (parameters.codec_id == AV_CODEC_ID_RAWVIDEO && parameters.format == AV_PIX_FMT_PAL8)
     {
-        RefuseStream(inSource, inStream, "its pixels are indices into a palette, which cannot be written");
+        RefuseStream(inSource, inStream, "its pixels are indices into a palette, which cannot be written",
+                     kConvertVideo);
     }
     if (parameters.codec_id == AV_CODEC_ID_RAWVIDEO && pixels == nullptr)
     {
-        RefuseStream(inSource, inStream, "the input does not say how its pixels are laid out");
+        RefuseStream(inSource, inStream, "the input does not say how its pixels are laid out",
+                     "rewrite the input in a container that does");
     }
     if (IsQuickTime(inSource))
     {
@@ -251,7 +255,8 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
     case AV_CODEC_ID_RAWVIDEO: {
         if (parameters.extradata_size >= 8 && std::memcmp(parameters.extradata, "BottomUp", 8) == 0)
         {
-            RefuseStream(inSource, inStream, "its rows are stored from the bottom up, which no movie can say");
+            RefuseStream(inSource, inStream, "its rows are stored from the bottom up, which no movie can say",
+                         "rewrite the input with its rows from the top down");
         }
         const auto* layout = std::find_if(kRawLayouts.begin(), kRawLayouts.end(), [&](const RawLayout& inLayout) {
             return inLayout.pixels == parameters.format;
@@ -259,7 +264,8 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
         if (layout == kRawLayouts.end())
         {
             RefuseStream(inSource, inStream,
-                         fmt::format("movies have no tag for uncompressed {} pixels", PixelName(parameters)));
+                         fmt::format("movies have no tag for uncompressed {} pixels", PixelName(parameters)),
+                         kConvertVideo);
         }
         const int size = av_image_get_buffer_size(static_cast<AVPixelFormat>(parameters.format), parameters.width,
                                                   parameters.height, 1);
@@ -275,9 +281,10 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
             const Code code = kProResProfiles[static_cast<std::size_t>(parameters.profile)];
             return {code, NameOf(parameters.codec_id, code)};
         }
-        if (stated.code == 0)
+        if (stated.code == 0 && !inTag)
         {
-            RefuseStream(inSource, inStream, "the input does not say which of the six flavours it is");
+            RefuseStream(inSource, inStream, "the input does not say which of the six flavours it is",
+                         "give its tag, as in --codec-tag apch");
         }
         return stated;
     }
@@ -287,7 +294,8 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
         {
             RefuseStream(inSource, inStream,
                          fmt::format("movies have no tag for DV of {}x{} {} pixels at {:.5g} frames per second",
-                                     parameters.width, parameters.height, PixelName(parameters), av_q2d(inFrameRate)));
+                                     parameters.width, parameters.height, PixelName(parameters), av_q2d(inFrameRate)),
+                         kConvertVideo);
         }
         return codec;
     }
@@ -296,9 +304,10 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
         {
             return {MakeCode("AVdh"), "Avid DNxHR"};
         }
-        if (parameters.profile != FF_PROFILE_DNXHD)
+        if (parameters.profile != FF_PROFILE_DNXHD && !inTag)
         {
-            RefuseStream(inSource, inStream, "the input does not say whether it is DNxHD or DNxHR");
+            RefuseStream(inSource, inStream, "the input does not say whether it is DNxHD or DNxHR",
+                         "give its tag, --codec-tag AVdn or AVdh");
         }
         return {MakeCode("AVdn"), "Avid DNxHD"};
     default:
@@ -308,7 +317,7 @@ Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, AVRatio
     if (codec.code == 0)
     {
         RefuseStream(inSource, inStream,
-                     fmt::format("no movie tag is known for {}", avcodec_get_name(parameters.codec_id)));
+                     fmt::format("no movie tag is known for {}", avcodec_get_name(parameters.codec_id)), kConvertVideo);
     }
     ioFormat.isOneImage = codec.code == MakeCode("jpeg");
     return codec;
@@ -479,7 +488,8 @@ CleanAperture ApertureOf(const MediaSource& inSource, const AVStream& inStream, 
     if (aperture.width > parameters.width - left || aperture.height > parameters.height - top)
     {
         RefuseOption(inChoice->option, inSource, inStream,
-                     fmt::format("its frames have {}x{} pixels", parameters.width, parameters.height));
+                     fmt::format("its frames have {}x{} pixels", parameters.width, parameters.height),
+                     "give a part that lies inside them");
     }
     return aperture;
 }
@@ -497,8 +507,9 @@ AVRational ChosenPixelAspect(const MediaSource& inSource, const AVStream& inStre
         {
             RefuseOption(inAspect.option, inSource, inStream,
                          fmt::format("the aspect of its pixels would be no ratio of 31-bit numbers for a picture of "
-                                     "{}x{}; write the aspect in smaller numbers",
-                                     inAperture.width, inAperture.height));
+                                     "{}x{}",
+                                     inAperture.width, inAperture.height),
+                         "write the aspect in smaller numbers");
         }
     }
     const std::int64_t width = av_rescale(inAperture.width, aspect.num, aspect.den);
@@ -506,7 +517,8 @@ AVRational ChosenPixelAspect(const MediaSource& inSource, const AVStream& inStre
     {
         RefuseOption(
             inAspect.option, inSource, inStream,
-            fmt::format("its picture would be shown {} pixels wide, and a track has 1 to {}", width, kMaximumSize));
+            fmt::format("its picture would be shown {} pixels wide, and a track has 1 to {}", width, kMaximumSize),
+            "give an aspect nearer to the picture's own");
     }
     return aspect;
 }
@@ -544,7 +556,8 @@ void CheckTag(const MediaSource& inSource, const AVStream& inStream, const Chose
     if (isOtherLayout)
     {
         RefuseOption(inTag.option, inSource, inStream,
-                     fmt::format("the tag is for another layout of pixels than {}", PixelName(parameters)));
+                     fmt::format("the tag is for another layout of pixels than {}", PixelName(parameters)),
+                     "give one for this layout, or leave the option out");
     }
     if (codec == AV_CODEC_ID_NONE && !isListed)
     {
@@ -552,7 +565,8 @@ void CheckTag(const MediaSource& inSource, const AVStream& inStream, const Chose
     }
     else if (codec != parameters.codec_id && !isListed)
     {
-        RefuseOption(inTag.option, inSource, inStream, fmt::format("the tag is for {}", avcodec_get_name(codec)));
+        RefuseOption(inTag.option, inSource, inStream, fmt::format("the tag is for {}", avcodec_get_name(codec)),
+                     "give one for the stream's codec, or leave the option out");
     }
 }
 
@@ -585,7 +599,7 @@ VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream, const
     const AVCodecDescriptor* descriptor = avcodec_descriptor_get(parameters.codec_id);
     if (descriptor == nullptr)
     {
-        RefuseStream(inSource, ioStream, "its codec is not known");
+        RefuseStream(inSource, ioStream, "its codec is not known", kConvertVideo);
     }
     VideoFormat format;
     const bool isListed = std::any_of(kCodecs.begin(), kCodecs.end(), [&parameters](const NamedCodec& inCodec) {
@@ -596,18 +610,20 @@ VideoFormat DescribeVideo(const MediaSource& inSource, AVStream& ioStream, const
     {
         RefuseStream(inSource, ioStream,
                      fmt::format("{} is an inter-frame codec, and only frames that stand alone can be written",
-                                 descriptor->name));
+                                 descriptor->name),
+                     kConvertVideo);
     }
     if (parameters.width <= 0 || parameters.height <= 0 || parameters.width > kMaximumSize ||
         parameters.height > kMaximumSize)
     {
         RefuseStream(inSource, ioStream,
                      fmt::format("its size is {}x{} pixels, and the format holds 1 to {} either way", parameters.width,
-                                 parameters.height, kMaximumSize));
+                                 parameters.height, kMaximumSize),
+                     "scale or crop it first");
     }
     int depth = 0;
     const AVRational frameRate = av_guess_frame_rate(&inSource.GetFormat(), &ioStream, nullptr);
-    Codec codec = ChooseCodec(inSource, ioStream, frameRate, format, depth);
+    Codec codec = ChooseCodec(inSource, ioStream, inOptions.codecTag, frameRate, format, depth);
     if (inOptions.codecTag)
     {
         CheckTag(inSource, ioStream, *inOptions.codecTag, format.notes);

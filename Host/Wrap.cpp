@@ -183,10 +183,22 @@ void Wrapper::AddTracks(Input& ioInput, AVStream& ioStream) const
         {
             RefuseStream(*ioInput.source, ioStream,
                          fmt::format("it lasts {}, and a track of 1/{} s units holds {}", FormatSeconds(seconds),
-                                     output.track->GetTimeScale(), FormatSeconds(output.SecondsOf(kMaximumDuration))));
+                                     output.track->GetTimeScale(), FormatSeconds(output.SecondsOf(kMaximumDuration))),
+                         "divide the input");
         }
         ioInput.outputs.push_back(std::move(output));
     }
+}
+
+//! "a.mov", "b.wav"
+std::string NamesOf(const std::vector<std::string>& inPaths)
+{
+    std::string names;
+    for (const std::string& path : inPaths)
+    {
+        names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", path);
+    }
+    return names;
 }
 
 //! Options that fit none of the inputs.
@@ -205,9 +217,9 @@ void Wrapper::CheckOptions()
         const AudioLabels* labels = options.FindLabels(input.source->GetPath());
         if (labels != nullptr && !hasOwnAudio)
         {
-            mRefusals.Refuse(
-                CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit \"{}\": it has no audio",
-                                                                  labels->option, input.source->GetPath())));
+            mRefusals.Refuse(CommandError(ExitCode::kInputRefused,
+                                          fmt::format("{} does not fit \"{}\": it has no audio; name a file that has",
+                                                      labels->option, input.source->GetPath())));
         }
         hasVideo = hasVideo || std::any_of(streams.begin(), streams.end(), isVideo);
         hasAudio = hasAudio || hasOwnAudio;
@@ -219,13 +231,11 @@ void Wrapper::CheckOptions()
                                                                  : "";
     if (!lonely.empty() && mInputs.size() == mOptions.inputs.size()) // An input that is refused may have had it.
     {
-        std::string names;
-        for (const std::string& input : mOptions.inputs)
-        {
-            names += fmt::format("{}\"{}\"", names.empty() ? "" : ", ", input);
-        }
-        mRefusals.Refuse(CommandError(ExitCode::kInputRefused, fmt::format("{} does not fit {}: there is no {}", lonely,
-                                                                           names, hasVideo ? "audio" : "video")));
+        const char* missing = hasVideo ? "audio" : "video";
+        mRefusals.Refuse(
+            CommandError(ExitCode::kInputRefused,
+                         fmt::format("{} does not fit {}: there is no {}; leave it out, or add an input with {}",
+                                     lonely, NamesOf(mOptions.inputs), missing, missing)));
     }
 }
 
@@ -266,7 +276,8 @@ void Wrapper::CheckMovieTimeScale()
                 mRefusals.Try([&] {
                     RefuseOption(choice->option, *input.source, output.track->GetStream(),
                                  fmt::format("it ends at {}, and such a movie holds {}", FormatSeconds(end),
-                                             FormatSeconds(static_cast<double>(kMaximumDuration) / choice->value)));
+                                             FormatSeconds(static_cast<double>(kMaximumDuration) / choice->value)),
+                                 "give fewer units per second");
                 });
             }
         }
@@ -423,12 +434,14 @@ void Wrapper::PlaceTrack(const Input& inInput, Output& ioOutput)
     if (ioOutput.trimIn < 0)
     {
         RefuseStream(track.GetSource(), track.GetStream(),
-                     "it starts before the other streams of its input, but only far behind them in the file");
+                     "it starts before the other streams of its input, but only far behind them in the file",
+                     "rewrite the input with its streams interleaved");
     }
     ioOutput.trimIn += ioOutput.extraTrimIn;
     if (ioOutput.trimIn > kMaximumDuration)
     {
-        RefuseStream(track.GetSource(), track.GetStream(), "it starts later than a track can say");
+        RefuseStream(track.GetSource(), track.GetStream(), "it starts later than a track can say",
+                     "shorten --trim-in, or divide the input");
     }
     if (mWriter != nullptr)
     {
@@ -542,7 +555,10 @@ void Wrapper::WriteSample(Output& ioOutput, const Sample& inSample)
         RefuseStream(track.GetSource(), track.GetStream(),
                      fmt::format("it is longer than the {} that the format can count in units of 1/{} s",
                                  FormatSeconds(ioOutput.SecondsOf(ioOutput.duration)),
-                                 fitsMovie ? track.GetTimeScale() : mMovieTimeScale));
+                                 fitsMovie ? track.GetTimeScale() : mMovieTimeScale),
+                     mOptions.descriptions.movieTimeScale && !fitsMovie
+                         ? "give fewer units per second with --movie-timescale"
+                         : "divide the input");
     }
     // A run of samples of one duration, and the last one where its own is different.
     const int lastSize = inSample.size / inSample.count;
@@ -730,9 +746,11 @@ void Wrapper::Prepare()
     Fill(mWindow);
     if (mIsWhole && !GetOldestSeconds())
     {
-        TryMedia([] {
+        TryMedia([this] {
             throw CommandError(ExitCode::kInputRefused,
-                               "the inputs hold no video or audio packets, so there is no movie to write");
+                               fmt::format("there is no movie to write, for the streams of {} hold no packets; name "
+                                           "inputs with media",
+                                           NamesOf(mOptions.inputs)));
         });
     }
     std::for_each(mInputs.begin(), mInputs.end(), [this](Input& ioInput) { PlaceTracks(ioInput); });
@@ -749,7 +767,7 @@ WrapSummary Wrapper::Run()
     Prepare();
     const std::filesystem::path& part = output.CreatePart();
     WriteMovie(part);
-    WrapSummary summary = Summarise(ReadMovieLayout(part), part);
+    WrapSummary summary = Summarise(ReadMovieLayout(part, mOptions.output), part);
     output.Commit();
     mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);
     return summary;

@@ -85,8 +85,7 @@ protected:
         const Outcome outcome = RunWrap(inCase.arguments);
         EXPECT_EQ(inCode, outcome.code) << outcome.err;
         EXPECT_EQ("", outcome.out);
-        EXPECT_EQ(0U, outcome.err.find("reelmill: ")) << outcome.err;
-        EXPECT_EQ(outcome.err.size() - 1, outcome.err.find('\n')) << outcome.err;
+        ExpectHelpfulSentence(outcome.err);
         EXPECT_NE(std::string::npos, outcome.err.find(inCase.reason)) << outcome.err;
         EXPECT_FALSE(fs::exists(Path("out.mov")));
         EXPECT_FALSE(fs::exists(Path("out.mov.part")));

@@ -53,6 +53,7 @@ protected:
         inOptions.insert(inOptions.begin(), {"wrap", inInput, "-o", Path("out.mov")});
         const Outcome outcome = RunHost(inOptions);
         EXPECT_EQ(inCode, outcome.code) << outcome.err;
+        ExpectHelpfulSentence(outcome.err);
         for (const std::string& reason : inReasons)
         {
             EXPECT_NE(std::string::npos, outcome.err.find(reason)) << outcome.err;

@@ -67,8 +67,7 @@ protected:
         const Outcome outcome = RunHost(inArguments);
         EXPECT_EQ(inCode, outcome.code);
         EXPECT_EQ("", outcome.out);
-        EXPECT_EQ(0U, outcome.err.find("reelmill: ")) << outcome.err;
-        EXPECT_EQ(outcome.err.size() - 1, outcome.err.find('\n')) << outcome.err;
+        ExpectHelpfulSentence(outcome.err);
         EXPECT_NE(std::string::npos, outcome.err.find(inReason)) << outcome.err;
         EXPECT_TRUE(before == Contents()) << "the folder has changed";
     }
@@ -313,7 +312,8 @@ TEST_F(HostWrapTest, EveryFailedWriteIsNoticedAndLeavesNothing)
             ++noticed;
             EXPECT_EQ(3, outcome.code);
             EXPECT_EQ("", outcome.out);
-            EXPECT_NE(std::string::npos, outcome.err.find("old.mov")) << outcome.err;
+            EXPECT_NE(std::string::npos, outcome.err.find("\"" + Path("old.mov") + "\"")) << outcome.err;
+            ExpectHelpfulSentence(outcome.err);
             EXPECT_TRUE(before == Contents());
         }
     }

@@ -174,6 +174,14 @@ class VideoTest(OptionsCase):
         self.assertEqual("Apple ProRes 422 LT", exiftool(movie)["Track1"]["CompressorName"])
         self.assertTrue(any("apcs" in line for line in qtinfo(movie)))
         self.assertEqual(packets(prores), packets(movie))
+        # An input that does not tell the flavour needs the option.
+        untold = Path(self.make("untold.mkv", "-i", prores, "-c", "copy"))
+        untold.write_bytes(untold.read_bytes().replace(ffprobe_stream(prores)["codec_tag_string"].encode(), b"xxxx"))
+        with self.assertRaisesRegex(RuntimeError, "as in --codec-tag apch"):
+            self.wrap(str(untold))
+        movie = self.wrap(str(untold), "--codec-tag", "apch")
+        self.assertEqual("HQ", ffprobe_stream(movie)["profile"])
+        self.assertEqual([digest for *_, digest in packets(prores)[0]], [digest for *_, digest in packets(movie)[0]])
 
     def test_gamma_and_padding(self):
         def stream(movie):

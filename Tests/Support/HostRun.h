@@ -31,6 +31,15 @@ inline Outcome RunHost(const std::vector<std::string>& inArguments)
     return {code, out.str(), err.str()};
 }
 
+//! Whether what a failed run printed is one sentence that ends with what to do.
+inline void ExpectHelpfulSentence(const std::string& inErrors)
+{
+    EXPECT_EQ(0U, inErrors.find("reelmill: ")) << inErrors;
+    EXPECT_EQ(inErrors.size() - 1, inErrors.find('\n')) << inErrors;
+    EXPECT_TRUE(inErrors.find("; ") != std::string::npos || inErrors.find("(see reelmill ") != std::string::npos)
+        << inErrors;
+}
+
 //! Lets the ffmpeg program make a file. The options may be anything that a shell takes.
 inline void MakeMedia(const std::string& inOptions, const std::string& inPath)
 {
