@@ -190,7 +190,7 @@ void SideTracks::FitTimecode(const std::vector<Media>& inMedia)
             mNotes.push_back(fmt::format("{} does not refer to the timecode track, whose frame rate is another",
                                          DescribeStream(other.GetSource(), other.GetStream())));
         }
-        else if (own != nullptr && std::string(own) != tag)
+        if (own != nullptr && std::string(own) != tag)
         {
             mNotes.push_back(fmt::format("the timecode {} of {} is left out: the movie has that of \"{}\"", own,
                                          DescribeStream(other.GetSource(), other.GetStream()),
@@ -291,7 +291,7 @@ void SideTracks::FitTexts(std::optional<double> inEnd)
     }
 }
 
-void SideTracks::FitCaptions(std::optional<double> inEnd)
+void SideTracks::FitCaptions(const std::vector<Media>& inMedia, std::optional<double> inEnd)
 {
     if (mCaptionLines.empty())
     {
@@ -317,22 +317,33 @@ void SideTracks::FitCaptions(std::optional<double> inEnd)
         start = CountFrames(first, 30) >= CountFrames(own, 30) ? own : start;
     }
     start.isDropFrame = first.isDropFrame;
-    const AVRational rate = mCaptioned->GetFrameRate();
-    CaptionQueue queue(mOptions.captions, mCaptionLines, start, rate);
-    if (inEnd && queue.GetFirstSeconds() >= *inEnd)
-    {
-        RefuseSideFile(
-            "--captions", mOptions.captions,
-            fmt::format("it does not fit the input: its first caption {} falls {:.3f} s behind {}, where the "
-                        "video begins, and the movie ends at {:.3f} s",
-                        FormatTimecode(first), queue.GetFirstSeconds(), FormatTimecode(start), *inEnd),
-            "say with --start which timecode is on the first video frame");
-    }
     Side side;
     side.kind = "captions";
     side.format = fmt::format("of \"{}\", {} on the first frame", mOptions.captions, FormatTimecode(start));
     side.timeScale = mCaptioned->GetTimeScale();
-    mCaptions = CaptionTrack{side, std::move(queue), {}, 0};
+    mCaptions = CaptionTrack{
+        side, CaptionQueue(mOptions.captions, mCaptionLines, start, mCaptioned->GetFrameRate()), start, {}, 0};
+    const double delay = static_cast<double>(inMedia[*mVideo].trimIn) / mCaptioned->GetTimeScale();
+    const std::int64_t stated = mCaptioned->GetStatedDuration();
+    if (stated > 0 || inEnd)
+    {
+        CheckCaptionStart(stated > 0 ? static_cast<double>(stated) / mCaptioned->GetTimeScale() : *inEnd - delay);
+    }
+}
+
+//! Refuses captions of which none falls on a frame of the video, which lasts so long.
+void SideTracks::CheckCaptionStart(double inVideoSeconds) const
+{
+    const double first = mCaptions->queue.GetFirstSeconds();
+    if (first >= inVideoSeconds)
+    {
+        RefuseSideFile("--captions", mOptions.captions,
+                       fmt::format("it does not fit the input: its first caption {} falls {:.3f} s behind {}, where "
+                                   "the video begins, and the video lasts {:.3f} s",
+                                   FormatTimecode(mCaptionLines.front().timecode), first,
+                                   FormatTimecode(mCaptions->start), inVideoSeconds),
+                       "say with --start which timecode is on the first video frame");
+    }
 }
 
 std::vector<SideTracks::Side*> SideTracks::ListSides()
@@ -414,7 +425,7 @@ void SideTracks::Fit(const std::vector<Media>& inMedia, std::optional<double> in
     mIsWhole = mRefusals.Try([&] { FitChapters(inMedia); }) && mIsWhole;
     if (mIsWhole || mOptions.captionsStart) // Without a start of their own captions count from the timecode.
     {
-        mIsWhole = mRefusals.Try([&] { FitCaptions(inEnd); }) && mIsWhole;
+        mIsWhole = mRefusals.Try([&] { FitCaptions(inMedia, inEnd); }) && mIsWhole;
     }
     int number = mMediaCount;
     for (Side* side : ListSides())
@@ -617,6 +628,7 @@ void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia
     if (mCaptions)
     {
         const Media& video = inMedia[*mVideo];
+        CheckCaptionStart(static_cast<double>(video.duration) / mCaptioned->GetTimeScale());
         mCaptions->side.trimIn = video.trimIn + ExtraTrimIn(mCaptions->side, true);
         ioWriter.SetTrimIn(mCaptions->side.id, FlatInt(mCaptions->side.trimIn));
         mCaptions->cutCount = mCaptions->queue.GetCount();

@@ -98,6 +98,7 @@ private:
     {
         Side side;
         CaptionQueue queue;
+        Timecode start;                                                        //!< on the first video frame
         std::vector<std::pair<std::vector<std::uint8_t>, std::int64_t>> ready; //!< samples and their durations
         std::size_t cutCount = 0;
     };
@@ -105,7 +106,7 @@ private:
     void FitTimecode(const std::vector<Media>& inMedia);
     void FitChapters(const std::vector<Media>& inMedia);
     void FitTexts(std::optional<double> inEnd);
-    void FitCaptions(std::optional<double> inEnd);
+    void FitCaptions(const std::vector<Media>& inMedia, std::optional<double> inEnd);
     void FitNumbers(const std::vector<Media>& inMedia);
     std::int64_t ExtraTrimIn(const Side& inSide, bool inFollowsVideo) const;
     std::int64_t LimitOf(const TextTrack& inTrack, double inEnd) const;
@@ -117,6 +118,7 @@ private:
     void WriteCaptions(MovieWriter& ioWriter);
     std::vector<Side*> ListSides();
     void RefuseStart(const TextTrack& inTrack, const Cue& inCue, double inEnd) const;
+    void CheckCaptionStart(double inVideoSeconds) const;
 
     const TrackOptions& mOptions;
     Refusals& mRefusals;

@@ -143,7 +143,8 @@ void AddTrackOptions(CLI::App& ioCommand, TrackArguments& ioArguments)
         .add_option("--trim-in", ioArguments.trimIns,
                     "Delays all tracks (0.5s, 500ms), or track 2 only (2:0.5s): an empty edit stands before its media. "
                     "Tracks have the numbers of the summary: video and audio streams in the order of the inputs, then "
-                    "timecode, chapters, texts, captions. Timecode and captions always go along with their video")
+                    "timecode, chapters, texts, captions. Timecode and captions go along with their video; a delay of "
+                    "their own comes on top")
         ->type_name("[N:]DURATION")
         ->allow_extra_args(false);
     ioCommand

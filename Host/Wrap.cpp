@@ -56,6 +56,7 @@ struct Input
     std::vector<Output> outputs;
     std::optional<long double> start; //!< Time of its earliest stream, in seconds, once that is known.
     bool isEnded = false;
+    std::vector<std::string> notes; //!< On streams that became no tracks.
 };
 
 class Wrapper
@@ -81,6 +82,7 @@ private:
     void ReadPacket(Input& ioInput);
     void Fill(double inEnd);
     void ReadRest();
+    void DropEmptyTracks();
     void PlaceTracks(Input& ioInput);
     void PlaceTrack(const Input& inInput, Output& ioOutput);
     std::vector<SideTracks::Media> ListMedia() const;
@@ -314,6 +316,15 @@ std::optional<double> Wrapper::GetOldestSeconds() const
     return oldest;
 }
 
+//! What is to be told of a track.
+void AddNotes(const Track& inTrack, std::vector<std::string>& ioNotes)
+{
+    for (const std::string& note : inTrack.GetNotes())
+    {
+        ioNotes.push_back(fmt::format("{}: {}", DescribeStream(inTrack.GetSource(), inTrack.GetStream()), note));
+    }
+}
+
 //! Gives an input's next packet to its tracks.
 void Wrapper::ReadPacket(Input& ioInput)
 {
@@ -390,6 +401,26 @@ void Wrapper::ReadRest()
             }
             mProgress.Update(std::chrono::steady_clock::now(), mSeconds, mBytes);
         }
+    }
+}
+
+//! Forgets the tracks of streams without packets, so that options number the tracks as the movie does. Where so much
+//! media comes first that none of it may be read ahead of writing, the end of the input tells too late.
+void Wrapper::DropEmptyTracks()
+{
+    for (Input& input : mInputs)
+    {
+        std::erase_if(input.outputs, [&input](const Output& inOutput) {
+            const Track& track = *inOutput.track;
+            const bool isEmpty = input.isEnded && !track.HasStarted();
+            if (isEmpty)
+            {
+                AddNotes(track, input.notes);
+                input.notes.push_back(fmt::format("{} has no packets and no track",
+                                                  DescribeStream(track.GetSource(), track.GetStream())));
+            }
+            return isEmpty;
+        });
     }
 }
 
@@ -654,23 +685,22 @@ WrapSummary Wrapper::Summarise(const MovieLayout& inLayout, const std::filesyste
     summary.output = mOptions.output;
     summary.seconds = mSeconds;
     summary.layout = inLayout;
+    int number = 0; // That options count by.
     for (const Input& input : mInputs)
     {
         const std::vector<std::string>& notes = input.source->GetNotes();
         summary.notes.insert(summary.notes.end(), notes.begin(), notes.end());
+        summary.notes.insert(summary.notes.end(), input.notes.begin(), input.notes.end());
         double reached = 0;
         for (const Output& output : input.outputs)
         {
             const Track& track = *output.track;
-            for (const std::string& note : track.GetNotes())
-            {
-                summary.notes.push_back(
-                    fmt::format("{}: {}", DescribeStream(track.GetSource(), track.GetStream()), note));
-            }
+            AddNotes(track, summary.notes);
+            ++number;
             if (output.samples == 0)
             {
-                summary.notes.push_back(fmt::format("{} has no packets and no track",
-                                                    DescribeStream(track.GetSource(), track.GetStream())));
+                summary.notes.push_back(fmt::format("{} has no packets and no track, but options count it as track {}",
+                                                    DescribeStream(track.GetSource(), track.GetStream()), number));
                 continue;
             }
             const std::int64_t timeScale = track.GetTimeScale();
@@ -736,11 +766,6 @@ void Wrapper::Prepare()
     {
         TryMedia([&] { OpenInput(path); });
     }
-    int number = 0;
-    ForEachOutput([this, &number](Output& ioOutput) {
-        ++number;
-        ioOutput.extraTrimIn = mIsWhole ? mSides.GetTrimIn(number, ioOutput.track->GetTimeScale()) : 0;
-    });
     CheckOptions();
     ChooseChunks();
     Fill(mWindow);
@@ -753,6 +778,12 @@ void Wrapper::Prepare()
                                            NamesOf(mOptions.inputs)));
         });
     }
+    DropEmptyTracks();
+    int number = 0;
+    ForEachOutput([this, &number](Output& ioOutput) {
+        ++number;
+        ioOutput.extraTrimIn = mIsWhole ? mSides.GetTrimIn(number, ioOutput.track->GetTimeScale()) : 0;
+    });
     std::for_each(mInputs.begin(), mInputs.end(), [this](Input& ioInput) { PlaceTracks(ioInput); });
     CheckMovieTimeScale();
     if (mIsWhole)

@@ -264,6 +264,14 @@ TEST_F(HostTracksTest, OptionsThatDoNotFitAreRefused)
     {
         ExpectRefusal(2, reasons, input, options);
     }
+    // A first caption behind the end of the video, however long the sound is and whether the input tells its length or not.
+    const std::string late = Write("late.scc", kScc + "00:00:05;00 9420\n");
+    for (const char* name : {"long.mov", "long.nut"})
+    {
+        const std::string input = Make(name, "-f lavfi -i testsrc2=s=64x48:r=25:d=1 -f lavfi -i sine=r=48000:d=9 "
+                                             "-c:v mjpeg -pix_fmt yuvj420p -c:a pcm_s16le");
+        ExpectRefusal(2, {"late.scc", "the video lasts 1.000 s", "--start"}, input, {"--captions", late});
+    }
     // The output may not be one of the files.
     const Outcome same = RunHost({"wrap", video, "--captions", scc, "-o", scc, "-y"});
     EXPECT_EQ(2, same.code) << same.err;
@@ -297,4 +305,43 @@ TEST_F(HostTracksTest, UsedTracksOfTheInputGiveNoNote)
         RunHost({"wrap", input, "-o", Path("out.mov"), "-y", "--timecode", "none", "--chapters", "none"});
     EXPECT_EQ(0, none.code) << none.err;
     EXPECT_EQ(std::string::npos, none.out.find("track 2")) << none.out;
+}
+
+TEST_F(HostTracksTest, TheFirstTimecodeOfSeveralIsTaken)
+{
+    const std::string plain = MakeVideo("plain.mov", "25");
+    const std::string ten = MakeVideo("ten.mov", "25", "-timecode 10:00:00:00");
+    const std::string eleven = MakeVideo("eleven.mov", "25", "-timecode 11:00:00:00");
+    const std::string other = MakeVideo("other.mov", "24", "-timecode 12:00:00:00");
+    const Outcome outcome = RunHost({"wrap", plain, ten, eleven, other, "-o", Path("out.mov")});
+    EXPECT_EQ(0, outcome.code) << outcome.err;
+    for (const char* part :
+         {"track 5: timecode, from 10:00:00:00", "eleven.mov\" is left out: the movie has that of",
+          "other.mov\" is left out: the movie has that of", "other.mov\" does not refer to the timecode track"})
+    {
+        EXPECT_NE(std::string::npos, outcome.out.find(part)) << part << " is missing in\n" << outcome.out;
+    }
+    constexpr int kLines = 1 + 5 + 1 + 3; // The movie, its tracks, where the 'moov' lies, and no more notes than these.
+    EXPECT_EQ(kLines, std::count(outcome.out.begin(), outcome.out.end(), '\n')) << outcome.out;
+    // One that is given is for all, and needs no note but that of the other rate.
+    const Outcome given =
+        RunHost({"wrap", eleven, ten, other, "-o", Path("out.mov"), "-y", "--timecode", "01:00:00:00"});
+    EXPECT_EQ(std::string::npos, given.out.find("left out")) << given.out;
+}
+
+TEST_F(HostTracksTest, StreamsWithoutPacketsHaveNoNumber)
+{
+    const std::string input = Make(
+        "in.avi", "-f lavfi -i testsrc2=s=64x48:r=25:d=1 -f lavfi -i sine=r=48000:d=1 -f lavfi -i sine=r=44100:d=1 "
+                  "-filter_complex '[1:a]aselect=0[none]' -map 0:v -map '[none]' -map 2:a -c:v mjpeg "
+                  "-pix_fmt yuvj420p -c:a pcm_s16le");
+    const Outcome outcome = RunHost({"wrap", input, "-o", Path("out.mov"), "--trim-in", "2:0.2s", "--timecode",
+                                     "01:00:00:00", "--ref", "2:3:timecode"});
+    EXPECT_EQ(0, outcome.code) << outcome.err;
+    EXPECT_NE(std::string::npos, outcome.out.find("track 2: sound, pcm_s16le, 44100 Hz")) << outcome.out;
+    EXPECT_NE(std::string::npos, outcome.out.find("starts at 0:00:00.200")) << outcome.out;
+    EXPECT_NE(std::string::npos, outcome.out.find("in.avi\" has no packets and no track")) << outcome.out;
+    fs::remove(Path("out.mov"));
+    ExpectRefusal(2, {"--track-meta", "names track 3, but the movie has 2 (video, sound)"}, input,
+                  {"--track-meta", "3:name=Tone"});
 }

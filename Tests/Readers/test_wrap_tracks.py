@@ -155,6 +155,30 @@ class WrapTracksTest(unittest.TestCase):
         self.assertEqual([0.2, 0.2, 0.2], starts)
         self.assertEqual("01:00:00:00", self.streams(movie, "mjpeg")[0]["tags"]["timecode"])
 
+    def test_delays_of_added_tracks(self):
+        # Video, sound, timecode, chapters, text, captions. The delays of timecode and captions add to the video's.
+        added = ["--timecode", "01:00:00;00", "--chapters", self.file("c.txt", "00:00:00.000 A\n00:00:01.000 B\n"),
+                 "--text", self.file("t.srt", "1\n00:00:00,500 --> 00:00:01,500\nText\n"),
+                 "--captions", self.file("a.scc", "Scenarist_SCC V1.0\n\n00:00:00;10\t9420\n")]
+        source = self.media(sound=True)
+        for trims, starts in (("3:0.5s", (0, 0, 0.5, 0, 0, 0)), ("4:0.5s", (0, 0, 0, 0.5, 0, 0)),
+                              ("5:0.5s", (0, 0, 0, 0, 0.5, 0)), ("6:0.5s", (0, 0, 0, 0, 0, 0.5)),
+                              ("1:1s", (1, 0, 1, 0, 0, 1)),
+                              ("1s 3:0.5s 4:0.5s 6:0.25s", (1, 1, 1.5, 0.5, 1, 1.25))):
+            with self.subTest(trims):
+                movie = self.wrap(source, *added, *(f"--trim-in={trim}" for trim in trims.split()))
+                self.assertEqual(starts, tuple(float(s["start_time"]) for s in ffprobe(movie)["streams"]))
+                first, second = ffprobe_chapters(movie)
+                self.assertEqual((starts[3], starts[3] + 1, starts[3] + 1), (*first[:2], second[0]))
+                run(REELMILL, "verify", "-q", movie)
+
+    def test_timecodes_of_several_inputs(self):
+        inputs = [self.media(f"{hour}.mov", "25", more=["-timecode", f"{hour}:00:00:00"]) for hour in (10, 11)]
+        movie = self.wrap(*inputs, self.media("12.mov", "24", more=["-timecode", "12:00:00:00"]))
+        self.assertEqual(["10:00:00:00", "10:00:00:00", None],
+                         [s.get("tags", {}).get("timecode") for s in self.streams(movie, "mjpeg")])
+        self.assertEqual(["10:00:00:00"], [s["tags"]["timecode"] for s in self.streams(movie, "tmcd")])
+
     def test_metadata(self):
         blob = self.file("logo.bin", "blob")
         movie = self.wrap(self.media(), "--meta", "title=Größe", "--meta", "artist=Me", "--meta", "comment=Hm=Hm",
