@@ -95,6 +95,36 @@ double RoundUp(double inValue)
     return 10 * power;
 }
 
+//! A round number of bytes: "20 MiB".
+std::string BytesLabel(double inBytes)
+{
+    constexpr double kUnit = 1024;
+    constexpr std::array kUnits = {"bytes", "KiB", "MiB", "GiB", "TiB"};
+    std::size_t unit = 0;
+    for (; inBytes >= kUnit && unit + 1 < kUnits.size(); ++unit)
+    {
+        inBytes /= kUnit;
+    }
+    return inBytes == 1 && unit == 0 ? "1 byte" : fmt::format("{:g} {}", inBytes, kUnits[unit]);
+}
+
+// Steps between round numbers that divide `inLength` into at most eight parts; of seconds minutes and hours are
+// round too, of bytes powers of two.
+double SecondsStep(double inLength)
+{
+    constexpr double kMostParts = 8;
+    const double least = inLength / kMostParts;
+    constexpr std::array kSteps = {1.0, 2.0, 5.0, 10.0, 30.0, 60.0, 120.0, 300.0, 600.0, 1800.0, 3600.0};
+    const auto* step = std::find_if(kSteps.begin(), kSteps.end(), [least](double inStep) { return inStep >= least; });
+    return least <= 0.5 ? RoundUp(least) : step != kSteps.end() ? *step : 3600 * RoundUp(least / 3600);
+}
+
+double BytesStep(double inLength)
+{
+    constexpr double kMostParts = 8;
+    return std::exp2(std::ceil(std::log2(std::max(1.0, inLength / kMostParts))));
+}
+
 class Drawing
 {
 public:
@@ -154,23 +184,38 @@ private:
         return kLeft + kPlotWidth * (static_cast<double>(inOffset) / static_cast<double>(mFileSize));
     }
 
+    //! Round numbers beneath a panel, as `inName` writes them.
+    template <typename Name>
+    void PutAxis(double inLength, double inStep, Name inName)
+    {
+        constexpr double kLastLabel = 40; // A text in the middle of this would pass the edge.
+        for (int tick = 0; tick * inStep <= inLength; ++tick)
+        {
+            const double x = kLeft + kPlotWidth * tick * inStep / inLength;
+            Put("<line x1=\"{0:.2f}\" x2=\"{0:.2f}\" y1=\"{1:.2f}\" y2=\"{2:.2f}\" stroke=\"#9CA3AF\"/>\n", x, mY,
+                mY + 4);
+            PutText(x, mY + 17,
+                    tick == 0                 ? "start"
+                    : x > kRight - kLastLabel ? "end"
+                                              : "middle",
+                    inName(tick * inStep), "#4B5563");
+        }
+        mY += 18;
+    }
+
     //! Offsets beneath a panel that runs along the file.
     void PutFileAxis()
     {
-        constexpr int kTicks = 5;
-        for (int tick = 0; tick <= kTicks; ++tick)
-        {
-            const double x = kLeft + kPlotWidth * tick / kTicks;
-            Put("<line x1=\"{0:.2f}\" x2=\"{0:.2f}\" y1=\"{1:.2f}\" y2=\"{2:.2f}\" stroke=\"#9CA3AF\"/>\n", x, mY,
-                mY + 4);
-            const auto offset = static_cast<std::uint64_t>(static_cast<double>(mFileSize) * tick / kTicks);
-            PutText(x, mY + 17,
-                    tick == 0        ? "start"
-                    : tick == kTicks ? "end"
-                                     : "middle",
-                    FormatBytes(offset), "#4B5563");
-        }
-        mY += 18;
+        const auto length = static_cast<double>(mFileSize);
+        PutAxis(length, BytesStep(length), [](double inOffset) { return BytesLabel(inOffset); });
+    }
+
+    //! A thin line across the panel with its value in front.
+    void PutLevel(double inY, const std::string& inName)
+    {
+        Put("<line x1=\"{0:.2f}\" x2=\"{1:.2f}\" y1=\"{2:.2f}\" y2=\"{2:.2f}\" stroke=\"#E5E7EB\"/>\n", kLeft, kRight,
+            inY);
+        PutText(kLeft - 8, inY + 4, "end", inName, "#4B5563");
     }
 
     void DrawHeading()
@@ -189,11 +234,11 @@ private:
     // Every atom of the top level, wide enough to be seen whatever its size.
     void DrawAtoms()
     {
-        PutPanelTitle("Atoms, in order (not to scale)");
+        PutPanelTitle("Atoms in order, with size and offset (not to scale)");
         const std::vector<Inspect::Atom>& atoms = mMovie.GetTree().GetAtoms();
         constexpr std::size_t kMaxShown = 40;
         const std::size_t shown = std::min(atoms.size(), kMaxShown);
-        constexpr double kHeight = 46;
+        constexpr double kHeight = 60;
         std::vector<double> weights(shown);
         double sum = 0;
         for (std::size_t i = 0; i < shown; ++i)
@@ -218,6 +263,7 @@ private:
             const char* textColor = isDark ? "#FFFFFF" : "#111827";
             PutText(x + width / 2 - 1, mY + 20, "middle", Inspect::FourCCText(atom.type), textColor);
             PutText(x + width / 2 - 1, mY + 36, "middle", FormatBytes(atom.size), textColor);
+            PutText(x + width / 2 - 1, mY + 52, "middle", fmt::format("at {}", atom.offset), textColor);
             x += width;
         }
         mY += kHeight;
@@ -319,16 +365,23 @@ private:
             kLeft, mY, kPlotWidth, kHeight);
         constexpr double kHeadroom = 1.08;
         const double scale = kHeadroom * std::log2(1 + static_cast<double>(largest));
-        PutText(kLeft - 8, mY + kHeight - kHeight / kHeadroom + 4, "end", FormatBytes(largest), "#4B5563");
-        PutText(kLeft - 8, mY + kHeight, "end", "0", "#4B5563");
+        const auto yOf = [&](double inSize) { return mY + kHeight - kHeight * std::log2(1 + inSize) / scale; };
+        constexpr std::array<double, 9> kLevels = {1,        32,      1 << 10,          32 << 10,          1 << 20,
+                                                   32 << 20, 1 << 30, 32.0 * (1 << 30), 1024.0 * (1 << 30)};
+        for (const double level : kLevels)
+        {
+            if (level <= static_cast<double>(largest))
+            {
+                PutLevel(yOf(level), BytesLabel(level));
+            }
+        }
         for (const auto& [track, columns] : sizes)
         {
             std::string points;
             for (const auto& [column, size] : columns)
             {
                 fmt::format_to(std::back_inserter(points), R"(<circle cx="{:.2f}" cy="{:.2f}" r="1.7"/>)",
-                               kLeft + kPlotWidth * (column + 0.5) / kColumns,
-                               mY + kHeight - kHeight * std::log2(1 + static_cast<double>(size)) / scale);
+                               kLeft + kPlotWidth * (column + 0.5) / kColumns, yOf(static_cast<double>(size)));
             }
             Put("<g class=\"chunks\" fill=\"{}\">{}</g>\n", TrackColor(track), points);
         }
@@ -336,8 +389,9 @@ private:
         PutFileAxis();
     }
 
-    // Along the movie's time: how far the first video track's media lies in front of each sound track's in the file, in
-    // time of the movie.
+    // Along the movie's time: how far each sound track has come at the end of each of its chunks in the file, less how
+    // far the first video track has. What the other track has nothing for, because it begins later or has ended, counts
+    // for neither.
     void DrawSkew()
     {
         const std::vector<Inspect::Track>& tracks = mMovie.GetTracks();
@@ -358,7 +412,10 @@ private:
             double skew;
         };
         std::map<std::size_t, std::vector<Point>> curves;
-        double videoReached = 0;
+        const double videoStart = Inspect::MediaStart(mMovie, *video);
+        const double videoEnd =
+            videoStart + static_cast<double>(video->mediaDuration) / std::max(1U, video->mediaTimeScale);
+        double videoReached = videoStart;
         double longest = 0;
         double end = 0;
         for (const Inspect::PlacedChunk& placed : mChunks)
@@ -368,23 +425,24 @@ private:
             {
                 videoReached = placed.end;
             }
-            else if (tracks[placed.track].handlerType == Inspect::FourCC("soun"))
+            else if (tracks[placed.track].handlerType == Inspect::FourCC("soun") && placed.end > videoStart)
             {
-                curves[placed.track].push_back({placed.end, placed.end - videoReached});
-                longest = std::max(longest, std::abs(placed.end - videoReached));
+                const double skew = std::min(placed.end, videoEnd) - videoReached;
+                curves[placed.track].push_back({placed.end, skew});
+                longest = std::max(longest, std::abs(skew));
             }
         }
-        PutPanelTitle("Sound ahead of video in the file, along time (seconds)");
+        PutPanelTitle("How far sound is ahead of video in the file, along time (seconds)");
         constexpr double kHeight = 120;
         const double top = RoundUp(longest);
         const double middle = mY + kHeight / 2;
         Put("<rect x=\"{:.2f}\" y=\"{:.2f}\" width=\"{:.2f}\" height=\"{:.2f}\" fill=\"#F9FAFB\" "
-            "stroke=\"#E5E7EB\"/>\n<line x1=\"{:.2f}\" x2=\"{:.2f}\" y1=\"{:.2f}\" y2=\"{:.2f}\" "
-            "stroke=\"#9CA3AF\"/>\n",
-            kLeft, mY, kPlotWidth, kHeight, kLeft, kRight, middle, middle);
-        PutText(kLeft - 8, mY + 10, "end", fmt::format("+{:g} s", top), "#4B5563");
-        PutText(kLeft - 8, middle + 4, "end", "0", "#4B5563");
-        PutText(kLeft - 8, mY + kHeight, "end", fmt::format("-{:g} s", top), "#4B5563");
+            "stroke=\"#E5E7EB\"/>\n",
+            kLeft, mY, kPlotWidth, kHeight);
+        for (const double level : {1.0, 0.5, 0.0, -0.5, -1.0})
+        {
+            PutLevel(middle - level * kHeight / 2, level == 0 ? "0" : fmt::format("{:+g}", level * top));
+        }
         for (const auto& [track, curve] : curves)
         {
             std::string points;
@@ -392,16 +450,15 @@ private:
             for (std::size_t i = 0; i < curve.size(); i += step)
             {
                 fmt::format_to(std::back_inserter(points), "{:.2f},{:.2f} ",
-                               kLeft + kPlotWidth * curve[i].time / std::max(end, 1e-9),
+                               kLeft + kPlotWidth * std::max(0.0, curve[i].time) / std::max(end, 1e-9),
                                middle - kHeight / 2 * curve[i].skew / top);
             }
             Put("<polyline class=\"skew\" points=\"{}\" fill=\"none\" stroke=\"{}\" stroke-width=\"1.5\"/>\n", points,
                 TrackColor(track));
         }
         mY += kHeight;
-        PutText(kLeft, mY + 17, "start", "0", "#4B5563");
-        PutText(kRight, mY + 17, "end", FormatSeconds(end), "#4B5563");
-        mY += 18;
+        PutAxis(std::max(end, 1e-9), SecondsStep(std::max(end, 1e-9)),
+                [](double inSeconds) { return FormatSeconds(inSeconds); });
     }
 
     void DrawLegend()

@@ -109,6 +109,21 @@ std::vector<TextSample> ReadTexts(const MovieFile& inMovie, const Track& inTrack
     return texts;
 }
 
+double MediaStart(const MovieFile& inMovie, const Track& inTrack)
+{
+    double start = 0;
+    for (const Edit& edit : inTrack.edits)
+    {
+        if (edit.mediaTime != -1)
+        {
+            const double cut = inTrack.mediaTimeScale != 0 ? static_cast<double>(edit.mediaTime) : 0;
+            return start - cut / std::max(1U, inTrack.mediaTimeScale);
+        }
+        start += static_cast<double>(edit.duration) / std::max(1U, inMovie.GetTimeScale());
+    }
+    return start;
+}
+
 std::vector<PlacedChunk> ChunksInFileOrder(const MovieFile& inMovie)
 {
     std::vector<PlacedChunk> chunks;
@@ -118,12 +133,13 @@ std::vector<PlacedChunk> ChunksInFileOrder(const MovieFile& inMovie)
     std::uint32_t index = 0;
     for (const Track& track : inMovie.GetTracks())
     {
+        const double start = MediaStart(inMovie, track);
         track.VisitChunks([&](const Chunk& inChunk) {
             if (inChunk.offset < inMovie.GetSource().GetSize())
             {
                 chunks.push_back({{inChunk.offset, inChunk.size},
-                                  Seconds(track, inChunk.time),
-                                  Seconds(track, inChunk.time + inChunk.duration),
+                                  start + Seconds(track, inChunk.time),
+                                  start + Seconds(track, inChunk.time + inChunk.duration),
                                   index});
             }
             return true;
@@ -143,9 +159,11 @@ Interleave MeasureInterleave(const MovieFile& inMovie, const std::vector<PlacedC
     interleave.chunkCounts.resize(tracks.size());
     struct Progress
     {
-        bool counts = false; //!< A video or sound track with media.
-        bool isDone = false; //!< A track that has come to its end cannot fall behind.
-        double reached = 0;  //!< Seconds.
+        bool counts = false;   //!< A video or sound track with media.
+        bool hasBegun = false; //!< A track that has not can fall behind, but is not ahead.
+        bool isDone = false;   //!< A track that has come to its end cannot fall behind.
+        double reached = 0;    //!< Seconds of the movie.
+        double end = 0;
     };
     std::vector<Progress> progress(tracks.size());
     for (const PlacedChunk& placed : inChunks)
@@ -155,7 +173,7 @@ Interleave MeasureInterleave(const MovieFile& inMovie, const std::vector<PlacedC
         const std::uint32_t type = tracks[placed.track].handlerType;
         progress[placed.track].counts = type == FourCC("vide") || type == FourCC("soun");
     }
-    std::multiset<double> reached;    // By each track that counts.
+    std::multiset<double> reached;    // By each track that counts and has begun.
     std::multiset<double> unfinished; // By those of them that are not done.
     for (std::size_t index = 0; index < tracks.size(); ++index)
     {
@@ -163,11 +181,12 @@ Interleave MeasureInterleave(const MovieFile& inMovie, const std::vector<PlacedC
             static_cast<double>(std::max<std::uint64_t>(1, interleave.chunkCounts[index]));
         if (progress[index].counts)
         {
-            reached.insert(0);
-            unfinished.insert(0);
+            progress[index].reached = MediaStart(inMovie, tracks[index]);
+            progress[index].end = progress[index].reached + Seconds(tracks[index], tracks[index].mediaDuration);
+            unfinished.insert(progress[index].reached);
         }
     }
-    if (reached.size() < 2)
+    if (unfinished.size() < 2)
     {
         return interleave;
     }
@@ -178,13 +197,17 @@ Interleave MeasureInterleave(const MovieFile& inMovie, const std::vector<PlacedC
         {
             continue;
         }
-        reached.erase(reached.find(track.reached));
+        if (track.hasBegun)
+        {
+            reached.erase(reached.find(track.reached));
+        }
         if (!track.isDone)
         {
             unfinished.erase(unfinished.find(track.reached));
         }
+        track.hasBegun = true;
         track.reached = placed.end;
-        track.isDone = placed.end >= Seconds(tracks[placed.track], tracks[placed.track].mediaDuration);
+        track.isDone = placed.end >= track.end;
         reached.insert(track.reached);
         if (!track.isDone)
         {

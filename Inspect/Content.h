@@ -36,10 +36,14 @@ struct PlacedChunk
         std::uint64_t size = 0;   //!< Bytes.
     };
     Extent chunk;
-    double begin = 0; //!< Seconds of media.
+    double begin = 0; //!< Seconds of the movie.
     double end = 0;
     std::uint32_t track = 0; //!< Index into the movie's tracks.
 };
+
+//! Seconds of the movie at which a track's media begins: behind the empty edits at its front, less what its first edit
+//! cuts off.
+double MediaStart(const MovieFile& inMovie, const Track& inTrack);
 
 //! The chunks of all tracks in the order in which they lie in the file, but for those that begin beyond its end.
 std::vector<PlacedChunk> ChunksInFileOrder(const MovieFile& inMovie);

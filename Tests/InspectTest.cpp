@@ -776,6 +776,12 @@ TEST_F(InspectReading, InterleaveIsHowFarSoundAndVideoLieApart)
     sound["stco"].fields = Words({0, 1, 40});
     sound["stsc"].fields = Words({0, 1, 1, 400, 1});
     EXPECT_NEAR(skew(movie), 0.4, 1e-9);
+    // In one chunk behind everything, where it belongs when it is heard after the video.
+    const auto end = movie.TopLevel("ftyp").GetSize() + movie.TopLevel("mdat").GetSize();
+    sound["stco"].fields = Words({0, 1, static_cast<std::uint32_t>(end - 1)});
+    EXPECT_GT(skew(movie), 0.3);
+    movie.Track(kMono)["elst"].fields = Words({0, 2, 300, 0xFFFFFFFF, 0x10000, 240, 0, 0x10000});
+    EXPECT_NEAR(skew(movie), 0.04, 1e-9);
 }
 
 TEST(InspectTimecode, CountsAsItsFormatSays)
