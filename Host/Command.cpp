@@ -7,6 +7,7 @@
 #include "Manual.h"
 #include "Map.h"
 #include "MediaSource.h"
+#include "Recover.h"
 #include "VerifyFiles.h"
 #include "Wrap.h"
 #include "WrapReport.h"
@@ -236,6 +237,26 @@ void AddDemo(CLI::App& ioApp, const Streams& inStreams)
     command->callback([arguments, inStreams] { RunDemo(*arguments, inStreams); });
 }
 
+const CLI::App& AddRecover(CLI::App& ioApp, const Streams& inStreams)
+{
+    const auto options = std::make_shared<RecoverOptions>();
+    CLI::App* command =
+        ioApp.add_subcommand("recover", "Finishes a movie that a crash left behind, from the journal beside it");
+    command->add_option("movie", options->movie, "The movie, or the output that wrap was asked for")
+        ->required()
+        ->type_name("MOVIE");
+    command
+        ->add_option("-o,--output", options->output, "Write a finished copy, and leave the movie and its journal alone")
+        ->type_name("COPY");
+    command->add_flag("-y,--overwrite", options->overwrite, "Replace the copy if it exists");
+    command->add_flag("--dry-run", options->dryRun, "Print what would be recovered, and write nothing");
+    command->add_flag("--drop-for-space", options->dropsForSpace,
+                      "Leave out samples at the end where the volume has no room to finish the movie with them");
+    command->add_flag("--json", options->json, "Print the result as JSON");
+    command->callback([options, inStreams] { RecoverMovieFile(*options, inStreams.out); });
+    return *command;
+}
+
 void AddInfo(CLI::App& ioApp, const Streams& inStreams)
 {
     const auto options = std::make_shared<InfoOptions>();
@@ -306,10 +327,11 @@ void AddHelp(CLI::App& ioApp, const Streams& inStreams)
 int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 {
     CLI::App app("Writes QuickTime movies.", "reelmill");
-    const CLI::App* wrap = nullptr;
+    std::vector<const CLI::App*> reporting; // Those whose result is an object for programs.
     const auto fail = [&](ExitCode inExitCode, const std::string& inSentence) {
         PrintError(err, inSentence);
-        if (wrap != nullptr && wrap->count("--json") > 0)
+        const auto isForPrograms = [](const CLI::App* inCommand) { return inCommand->count("--json") > 0; };
+        if (std::any_of(reporting.begin(), reporting.end(), isForPrograms))
         {
             PrintFailureJson(inExitCode, inSentence, out);
         }
@@ -321,7 +343,8 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
         ExitCode exitCode = ExitCode::kDone;
         app.set_version_flag("--version", "reelmill " REELMILL_VERSION);
         app.require_subcommand(1);
-        wrap = &AddWrap(app, streams, exitCode);
+        reporting.push_back(&AddWrap(app, streams, exitCode));
+        reporting.push_back(&AddRecover(app, streams));
         AddDemo(app, streams);
         AddInfo(app, streams);
         AddVerify(app, streams);

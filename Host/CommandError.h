@@ -31,4 +31,21 @@ private:
     ExitCode mExitCode;
 };
 
+//! An input ended in a failure, or the user asked to stop: what was written until then can still be made a movie.
+class EarlyEnd : public CommandError
+{
+public:
+    //! \param inReason    what happened, for a sentence that goes on with what was kept
+    //! \param inSentence  the whole sentence where nothing was
+    EarlyEnd(const std::string& inReason, const std::string& inSentence)
+        : CommandError(ExitCode::kIOFailed, inSentence), mReason(inReason)
+    {
+    }
+
+    const std::string& GetReason() const { return mReason; }
+
+private:
+    std::string mReason;
+};
+
 } // namespace Host

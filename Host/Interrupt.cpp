@@ -13,17 +13,23 @@ std::atomic<bool> sStopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 } // namespace
 
-void RequestStop() noexcept
+bool RequestStop() noexcept
 {
-    sStopRequested.store(true);
+    return sStopRequested.exchange(true);
 }
 
 void ThrowIfStopRequested()
 {
     if (sStopRequested.load())
     {
-        throw CommandError(ExitCode::kIOFailed, "the command was interrupted, and nothing was written; run it again");
+        throw EarlyEnd("the command was interrupted",
+                       "the command was interrupted, and nothing was written; run it again");
     }
+}
+
+void ForgetStop() noexcept
+{
+    sStopRequested.store(false);
 }
 
 } // namespace Host

@@ -40,6 +40,8 @@ constexpr std::array kExamples = {
             "wrap shot.mov --chapters chapters.txt -o shot_ch.mov --dry-run"},
     Example{"wrap", "Under a program: the result on standard output, progress on standard error",
             "wrap camera.mxf -o camera.mov --json --progress=json"},
+    Example{"recover", "Finish a movie whose wrap was killed", "recover camera.mov"},
+    Example{"recover", "Finish a copy of it elsewhere", "recover camera.mov.part -o /volume/camera.mov"},
     Example{"demo", "Bars and tone", "demo demo.mov"},
     Example{"info", "A summary for people", "info movie.mov"},
     Example{"info", "All of it for a program", "info --json movie.mov"},

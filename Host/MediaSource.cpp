@@ -296,10 +296,10 @@ PacketPtr MediaSource::ReadPacket()
         }
         if (result < 0)
         {
-            throw CommandError(
-                ExitCode::kIOFailed,
+            const std::string sentence =
                 fmt::format("\"{}\" cannot be read to its end: {}; check its volume, or get another copy", mPath,
-                            LibAVMessage(result == AVERROR_EOF ? streamError : result)));
+                            LibAVMessage(result == AVERROR_EOF ? streamError : result));
+            throw EarlyEnd(sentence, sentence);
         }
         const bool isTaken = std::any_of(mStreams.begin(), mStreams.end(), [&](const AVStream* inStream) {
             return inStream->index == packet->stream_index;

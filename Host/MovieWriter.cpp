@@ -5,6 +5,7 @@
 #include <Tolbin/String.h>
 
 #include <fmt/format.h>
+#include <system_error>
 
 namespace Host
 {
@@ -26,9 +27,20 @@ const char* RemedyFor(Tolbin::Result inResult)
 
 } // namespace
 
-MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale)
-    : mName(inName.string()), mWriter(QT::CreateReelmill())
+MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale,
+                         Safety inSafety)
+    : mPath(inPath), mName(inName.string())
 {
+    if (inSafety == Safety::kJournaled)
+    {
+        mJournal = inPath;
+        mJournal += ".journal";
+        mWriter = QT::CreateJournaledReelmill(Tolbin::string::UTF8to16(mJournal.string()));
+    }
+    else
+    {
+        mWriter = QT::CreateReelmill();
+    }
     mPreviousHandler = Tolbin::debug::SetReportHandler([this](const Tolbin::debug::Report& inReport, bool&) {
         if (!mReport)
         {
@@ -54,14 +66,20 @@ MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesys
 MovieWriter::~MovieWriter()
 {
     Tolbin::debug::SetReportHandler(mPreviousHandler);
+    if (!mJournal.empty())
+    {
+        mWriter.reset();
+        std::error_code ignored; // It went with the movie's `Close`, or what it belongs to goes.
+        std::filesystem::remove(mJournal, ignored);
+    }
 }
 
 void MovieWriter::Check(Tolbin::Result inResult)
 {
     if (inResult < 0)
     {
-        throw CommandError(ExitCode::kIOFailed, fmt::format("\"{}\" cannot be written: {}; {}", mName,
-                                                            Tolbin::ResultMessage(inResult), RemedyFor(inResult)));
+        throw WriteError(fmt::format("\"{}\" cannot be written: {}; {}", mName, Tolbin::ResultMessage(inResult),
+                                     RemedyFor(inResult)));
     }
     if (mReport)
     {
@@ -116,6 +134,34 @@ void MovieWriter::AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t 
 void MovieWriter::Close()
 {
     Check(mWriter->Close());
+}
+
+void MovieWriter::CloseEarly()
+{
+    Check(QT::CloseMovieEarly(*mWriter));
+}
+
+std::optional<double> MovieWriter::Recover()
+{
+    mWriter.reset();
+    QT::RecoveryReport report;
+    QT::RecoveryOptions options;
+    options.journalPath = Tolbin::string::UTF8to16(mJournal.string());
+    options.dropsForSpace = true;
+    const Tolbin::Result result = QT::RecoverMovie(Tolbin::string::UTF8to16(mPath.string()), report, options);
+    if (result == QT::kQTErrNothingWhole)
+    {
+        return std::nullopt;
+    }
+    if (result < 0)
+    {
+        mJournal.clear(); // Stays.
+        throw CommandError(ExitCode::kIOFailed,
+                           fmt::format("what is there could not be finished ({}): make room on its volume and run "
+                                       "reelmill recover \"{}\"",
+                                       Tolbin::ResultMessage(result), mPath.string()));
+    }
+    return report.movieTimeScale > 0 ? static_cast<double>(report.movieDuration) / report.movieTimeScale : 0;
 }
 
 } // namespace Host

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "CommandError.h"
+
+#include <Reelmill/Recovery.h>
 #include <Reelmill/Reelmill.h>
 #include <Tolbin/Debug.h>
 
@@ -12,13 +15,29 @@
 namespace Host
 {
 
-//! A movie writer whose failures are CommandErrors. What the library reports as an assertion while the object lives is
+//! Writing the movie failed.
+class WriteError : public CommandError
+{
+public:
+    explicit WriteError(const std::string& inSentence) : CommandError(ExitCode::kIOFailed, inSentence) {}
+};
+
+//! A movie writer whose failures are CommandErrors (WriteError where it is the writing that failed). What the library reports as an assertion while the object lives is
 //! a failure too: the file would not be what it says.
 class MovieWriter
 {
 public:
+    enum class Safety
+    {
+        kPlain,
+        kJournaled //!< Keeps a journal beside the movie ("movie.mov.part.journal") until it is closed.
+    };
+
     //! Creates the movie at `inPath`; sentences call it `inName`.
-    MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale);
+    MovieWriter(const std::filesystem::path& inPath, const std::filesystem::path& inName, int inTimeScale,
+                Safety inSafety);
+
+    //! A journal that is still there goes, unless `Recover` has failed.
     ~MovieWriter();
 
     MovieWriter(const MovieWriter&) = delete;
@@ -36,9 +55,18 @@ public:
     void AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t inType, std::string& inPayload);
     void Close();
 
+    //! Closes a movie that ends before its planned end.
+    void CloseEarly();
+
+    //! After a WriteError: finishes the movie with what is whole in the file. Returns its length in seconds; none when
+    //! nothing is whole. Throws CommandError when that fails, and movie and journal stay.
+    std::optional<double> Recover();
+
 private:
     void Check(Tolbin::Result inResult);
 
+    std::filesystem::path mPath;
+    std::filesystem::path mJournal; //!< Empty where there is none.
     std::string mName;
     std::optional<std::string> mReport; //!< The first report.
     Tolbin::debug::ReportHandler mPreviousHandler;

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -181,6 +182,29 @@ void OutputFile::Commit()
         FailSystem(mPath, "given its name", errno);
     }
     mPart.clear();
+}
+
+fs::path OutputFile::CommitPartial()
+{
+    std::error_code error;
+    if (fs::exists(mTarget, error) || error)
+    {
+        return Keep();
+    }
+    try
+    {
+        Commit();
+        return mPath;
+    }
+    catch (const CommandError&)
+    {
+        return Keep(); // Which its caller tells.
+    }
+}
+
+fs::path OutputFile::Keep()
+{
+    return std::exchange(mPart, fs::path());
 }
 
 std::optional<std::uint64_t> GetFreeSpace(const fs::path& inFolder)

@@ -41,6 +41,13 @@ public:
     //! alone. Throws CommandError, and the part file goes, when that fails.
     void Commit();
 
+    //! As `Commit`, for a file that is less than what was asked for: it replaces no other file, but keeps the part
+    //! file's name then, or when it cannot be given its own. Returns its path.
+    std::filesystem::path CommitPartial();
+
+    //! Leaves the part file where it is and returns its path.
+    std::filesystem::path Keep();
+
 private:
     std::filesystem::path mPath;
     std::filesystem::path mTarget; //!< The file itself, where `mPath` is a symbolic link to it.

@@ -520,12 +520,16 @@ void SideTracks::Start(MovieWriter& ioWriter, const std::vector<Media>& inMedia)
             ioWriter.AddTrack(QT::kQTMediaTypeClosedCaption, mCaptions->side.timeScale, mCaptioned->GetWidth(),
                               mCaptioned->GetHeight(), QT::CreateClosedCaptionDescription());
     }
+    // Early, and all of it, so that a movie that is cut short has them too.
     AddReferences(ioWriter, inMedia);
     AddMetadata(ioWriter, inMedia);
+    SetTrimIns(ioWriter, inMedia);
     if (mTimecode)
     {
         const Track& video = *inMedia[mTimecode->video].track;
-        WriteTimecode(ioWriter, av_rescale(video.GetStatedDuration(), mTimecode->side.timeScale, video.GetTimeScale()));
+        const std::int64_t stated =
+            av_rescale(video.GetStatedDuration(), mTimecode->side.timeScale, video.GetTimeScale());
+        WriteTimecode(ioWriter, std::max<std::int64_t>(stated, mTimecode->frameDuration));
     }
     if (!mTexts.empty() && mTexts.front().isChapters)
     {
@@ -622,15 +626,38 @@ void SideTracks::WriteUpTo(MovieWriter& ioWriter, double inEnd)
     }
 }
 
+void SideTracks::SetTrimIns(MovieWriter& ioWriter, const std::vector<Media>& inMedia)
+{
+    if (mCaptions)
+    {
+        mCaptions->side.trimIn = inMedia[*mVideo].trimIn + ExtraTrimIn(mCaptions->side, true);
+    }
+    if (mTimecode)
+    {
+        const Media& video = inMedia[mTimecode->video];
+        mTimecode->side.trimIn = av_rescale(video.trimIn, mTimecode->side.timeScale, video.track->GetTimeScale()) +
+                                 ExtraTrimIn(mTimecode->side, true);
+    }
+    for (const Side* side : ListSides())
+    {
+        ioWriter.SetTrimIn(side->id, FlatInt(side->trimIn));
+    }
+}
+
+void SideTracks::FinishEarly(MovieWriter& ioWriter, const std::vector<Media>& inMedia)
+{
+    WriteCaptions(ioWriter);
+    SetTrimIns(ioWriter, inMedia);
+}
+
 void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia, double inEnd)
 {
+    SetTrimIns(ioWriter, inMedia);
     WriteCaptions(ioWriter);
     if (mCaptions)
     {
         const Media& video = inMedia[*mVideo];
         CheckCaptionStart(static_cast<double>(video.duration) / mCaptioned->GetTimeScale());
-        mCaptions->side.trimIn = video.trimIn + ExtraTrimIn(mCaptions->side, true);
-        ioWriter.SetTrimIn(mCaptions->side.id, FlatInt(mCaptions->side.trimIn));
         mCaptions->cutCount = mCaptions->queue.GetCount();
     }
     if (mTimecode)
@@ -641,8 +668,6 @@ void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia
             return av_rescale(inUnits, side.timeScale, video.track->GetTimeScale());
         };
         WriteTimecode(ioWriter, toUnits(video.duration) - side.duration);
-        side.trimIn = toUnits(video.trimIn) + ExtraTrimIn(side, true);
-        ioWriter.SetTrimIn(side.id, FlatInt(side.trimIn));
         if (side.duration > toUnits(video.duration))
         {
             mNotes.emplace_back("the timecode is as long as the input said that its video is, which ended earlier");
@@ -650,7 +675,6 @@ void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia
     }
     for (TextTrack& track : mTexts)
     {
-        ioWriter.SetTrimIn(track.side.id, FlatInt(track.side.trimIn));
         if (!track.limit)
         {
             track.limit = LimitOf(track, inEnd);

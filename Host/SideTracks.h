@@ -58,6 +58,9 @@ public:
     //! after the end.
     void Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia, double inEnd);
 
+    //! The media ends before its planned end: what is ready is written. The writer cuts the tracks.
+    void FinishEarly(MovieWriter& ioWriter, const std::vector<Media>& inMedia);
+
     void Summarise(WrapSummary& ioSummary) const;
 
 private:
@@ -113,6 +116,7 @@ private:
     QT::TrackID FindTrack(int inNumber, const std::vector<Media>& inMedia);
     void AddReferences(MovieWriter& ioWriter, const std::vector<Media>& inMedia);
     void AddMetadata(MovieWriter& ioWriter, const std::vector<Media>& inMedia);
+    void SetTrimIns(MovieWriter& ioWriter, const std::vector<Media>& inMedia);
     void WriteTimecode(MovieWriter& ioWriter, std::int64_t inDuration);
     void WriteText(MovieWriter& ioWriter, TextTrack& ioTrack, std::int64_t inUpTo) const;
     void WriteCaptions(MovieWriter& ioWriter);

@@ -219,8 +219,8 @@ Codec DVCodec(const AVCodecParameters& inParameters, AVRational inFrameRate)
     return {};
 }
 
-//! What the codec is called in a movie, `outDepth` its bits per pixel. Refuses what has no tag, where the user gave none
-//! that can settle it.
+//! What the codec is called in a movie, `outDepth` its bits per pixel. Refuses what has no tag, where the user gave
+//! none that can settle it.
 Codec ChooseCodec(const MediaSource& inSource, const AVStream& inStream, const Choice<Code>& inTag,
                   AVRational inFrameRate, VideoFormat& ioFormat, int& outDepth)
 {

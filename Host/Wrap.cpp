@@ -71,6 +71,10 @@ public:
     WrapPrediction Predict();
 
 private:
+    [[noreturn]] void KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError);
+    [[noreturn]] void KeepWhole(OutputFile& ioOutput, const WriteError& inError);
+    [[noreturn]] static void EndWith(const std::string& inReason, double inSeconds,
+                                     const std::filesystem::path& inKept);
     std::vector<std::string> ListFiles() const;
     void Prepare();
     void OpenInput(const std::string& inPath);
@@ -565,7 +569,9 @@ void Wrapper::StartMovie(const std::filesystem::path& inPart)
                                 : ChooseMovieTimeScale(videoTimeScales, soundTimeScales, isMaximumKnown ? maximum : 0);
     mProgress.SetExpectedSeconds(isExpectedKnown ? expected : 0);
 
-    mWriter = std::make_unique<MovieWriter>(inPart, mOptions.output, mMovieTimeScale);
+    mWriter = std::make_unique<MovieWriter>(inPart, mOptions.output, mMovieTimeScale,
+                                            mDryRun != nullptr ? MovieWriter::Safety::kPlain
+                                                               : MovieWriter::Safety::kJournaled);
     ForEachOutput([this](Output& ioOutput) {
         const Track& track = *ioOutput.track;
         ioOutput.id = mWriter->AddTrack(track.GetMediaType(), track.GetTimeScale(), track.GetWidth(), track.GetHeight(),
@@ -792,12 +798,74 @@ void Wrapper::Prepare()
     }
 }
 
+//! The movie ends here: closes it at the last whole sample, keeps it, and ends the command.
+void Wrapper::KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError)
+{
+    if (mBytes == 0)
+    {
+        throw inError;
+    }
+    try
+    {
+        mSides.FinishEarly(*mWriter, ListMedia());
+        mWriter->CloseEarly();
+    }
+    catch (const WriteError& error)
+    {
+        KeepWhole(ioOutput, error);
+    }
+    EndWith(inError.GetReason(), mSeconds, ioOutput.CommitPartial());
+}
+
+//! Writing has failed: finishes the movie with the samples that are whole in the file, keeps it, and ends the command.
+void Wrapper::KeepWhole(OutputFile& ioOutput, const WriteError& inError)
+{
+    if (mWriter == nullptr)
+    {
+        throw inError;
+    }
+    std::optional<double> seconds;
+    try
+    {
+        seconds = mWriter->Recover();
+    }
+    catch (const CommandError& error)
+    {
+        static_cast<void>(ioOutput.Keep()); // The sentence names it.
+        throw CommandError(ExitCode::kIOFailed, fmt::format("{}; {}", inError.what(), error.what()));
+    }
+    if (!seconds)
+    {
+        throw inError;
+    }
+    EndWith(inError.what(), *seconds, ioOutput.CommitPartial());
+}
+
+//! Tells what was kept.
+void Wrapper::EndWith(const std::string& inReason, double inSeconds, const std::filesystem::path& inKept)
+{
+    throw CommandError(ExitCode::kIOFailed, fmt::format("{}; \"{}\" is a movie of the first {}, so keep it or run the "
+                                                        "command again",
+                                                        inReason, inKept.string(), FormatSeconds(inSeconds)));
+}
+
 WrapSummary Wrapper::Run()
 {
     OutputFile output(mOptions.output, mOptions.overwrite, ListFiles());
     Prepare();
     const std::filesystem::path& part = output.CreatePart();
-    WriteMovie(part);
+    try
+    {
+        WriteMovie(part);
+    }
+    catch (const WriteError& error)
+    {
+        KeepWhole(output, error);
+    }
+    catch (const EarlyEnd& error)
+    {
+        KeepEarly(output, error);
+    }
     WrapSummary summary = Summarise(ReadMovieLayout(part, mOptions.output), part);
     output.Commit();
     mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);

@@ -243,9 +243,12 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
     case JournalKind::kRevocation:
         outRecord.emplace<JournalRevocation>();
         return true;
-    case JournalKind::kClosing:
-        outRecord.emplace<JournalClosing>();
-        return true;
+    case JournalKind::kClosing: {
+        std::uint8_t isEarly = 0;
+        const bool isRead = ReadNumber(isEarly);
+        outRecord.emplace<JournalClosing>().isEarly = isEarly != 0;
+        return isRead;
+    }
     }
     return false;
 }

@@ -168,6 +168,7 @@ struct JournalRevocation
 //! `Close` was called: nothing comes behind.
 struct JournalClosing
 {
+    bool isEarly = false; //!< By `CloseMovieEarly`.
 };
 
 using JournalRecord =

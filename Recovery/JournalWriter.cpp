@@ -173,9 +173,10 @@ void JournalWriter::Add(JournalRevocation)
     PutKind(JournalKind::kRevocation, 0);
 }
 
-void JournalWriter::Add(JournalClosing)
+void JournalWriter::Add(JournalClosing inClosing)
 {
-    PutKind(JournalKind::kClosing, 0);
+    PutKind(JournalKind::kClosing, kMaxNumberSize);
+    PutNumber(inClosing.isEarly ? 1 : 0);
 }
 
 //! Begins a record whose fields take at most so many bytes, and leaves room for a sample behind it. Nothing has changed

@@ -1,3 +1,4 @@
+#include "FitTracks.h"
 #include "JournalWriter.h"
 #include "PrivateReelmill.h"
 
@@ -208,7 +209,10 @@ public:
 
     // On disk before: the movie as far as it was written, the journal. Afterwards: the finished movie; or the journal,
     // complete, and a movie that holds no more and no less media than before the step that failed.
-    Tolbin::Result Close() override
+    Tolbin::Result Close() override { return CloseAt(/*inIsEarly*/ false); }
+
+    //! See `CloseMovieEarly`.
+    Tolbin::Result CloseAt(bool inIsEarly)
     {
         Tolbin::Result result = mWriter->Flush(); // Tells whether the movie is open.
         if (result < 0)
@@ -219,7 +223,7 @@ public:
         if (result >= 0)
         {
             AddChangedDescriptions();
-            mJournal.Add(JournalClosing());
+            mJournal.Add(JournalClosing{inIsEarly});
             result = mJournal.WriteThrough();
         }
         if (result >= 0)
@@ -230,6 +234,10 @@ public:
         {
             Abandon();
             return result;
+        }
+        if (inIsEarly)
+        {
+            FitTracksToMedia(mWriter->GetTracks());
         }
         const Tolbin::Result closeResult = mWriter->Close();
         mDescriptions.clear(); // Later calls are for the writer to refuse.
@@ -341,6 +349,19 @@ private:
 boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath)
 {
     return boost::make_shared<JournaledReelmill>(inJournalPath);
+}
+
+Tolbin::Result CloseMovieEarly(Reelmill& ioMovie)
+{
+    if (auto* const journaled = dynamic_cast<JournaledReelmill*>(&ioMovie))
+    {
+        return journaled->CloseAt(/*inIsEarly*/ true);
+    }
+    if (auto* const plain = dynamic_cast<PrivateReelmill*>(&ioMovie))
+    {
+        FitTracksToMedia(plain->GetTracks());
+    }
+    return ioMovie.Close();
 }
 
 } // namespace QT

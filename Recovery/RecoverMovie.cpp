@@ -1,3 +1,4 @@
+#include "FitTracks.h"
 #include "JournalReader.h"
 #include "PrivateReelmill.h"
 #include "QTAtomRecords.h"
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -234,10 +234,11 @@ private:
         return Tolbin::kResultSuccess;
     }
 
-    Tolbin::Result Take(JournalClosing)
+    Tolbin::Result Take(JournalClosing inClosing)
     {
         CommitSample();
         mIsClosing = true;
+        mIsEarly = inClosing.isEarly;
         return Tolbin::kResultSuccess;
     }
 
@@ -300,9 +301,9 @@ private:
             }
             ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
         }
-        if (!mIsClosing || mIsBehindEnd)
+        if (!mIsClosing || mIsEarly || mIsBehindEnd)
         {
-            FitTracksToMedia();
+            mReport.samplesCut = FitTracksToMedia(mWriter->GetTracks());
         }
         mWriter->SetMediaEnd(mKeptEnd);
         return Tolbin::kResultSuccess;
@@ -337,68 +338,6 @@ private:
         return Tolbin::kResultSuccess;
     }
 
-    static bool IsMedia(const TrackRec& inTrack)
-    {
-        return inTrack.mediaType == kQTMediaTypeVideo || inTrack.mediaType == kQTMediaTypeSound;
-    }
-
-    //! In media units.
-    static std::int64_t EndOf(const TrackRec& inTrack)
-    {
-        return inTrack.samples.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
-    }
-
-    //! The movie ends earlier than was planned: what goes along with picture and sound (timecode, text, captions) ends
-    //! with them, and timecode lasts until then.
-    void FitTracksToMedia()
-    {
-        double seconds = 0;
-        for (const auto& [trackID, track] : mWriter->GetTracks())
-        {
-            if (IsMedia(track) && track.timeScale > 0)
-            {
-                seconds = std::max(seconds, static_cast<double>(EndOf(track)) / track.timeScale);
-            }
-        }
-        for (auto& [trackID, track] : mWriter->GetTracks())
-        {
-            const double end = std::round(seconds * track.timeScale);
-            if (!IsMedia(track) && end > 0 && end <= std::numeric_limits<std::int32_t>::max())
-            {
-                FitTrack(track, static_cast<std::int32_t>(end));
-            }
-        }
-    }
-
-    void FitTrack(TrackRec& ioTrack, std::int32_t inEnd)
-    {
-        while (EndOf(ioTrack) > inEnd)
-        {
-            MediaSampleRec& last = ioTrack.samples.back();
-            const std::int64_t start = EndOf(ioTrack) - last.sampleDuration;
-            if (last.sampleCount != 1 || last.sampleDuration <= 0)
-            {
-                return; // No such track as it says to be.
-            }
-            ioTrack.duration -= last.sampleDuration;
-            if (start < inEnd)
-            {
-                last.sampleDuration = static_cast<std::int32_t>(inEnd - start);
-                ioTrack.duration += last.sampleDuration;
-                break;
-            }
-            ioTrack.samples.pop_back();
-            ++mReport.samplesCut;
-        }
-        const std::int64_t missing = inEnd - EndOf(ioTrack);
-        if (ioTrack.mediaType == kQTMediaTypeTimecode && !ioTrack.samples.empty() && missing > 0 &&
-            ioTrack.samples.back().sampleCount == 1)
-        {
-            ioTrack.samples.back().sampleDuration += static_cast<std::int32_t>(missing);
-            ioTrack.duration += static_cast<std::int32_t>(missing);
-        }
-    }
-
     FoundMovie& mMovie;
     std::int64_t mLimit;
     RecoveryReport& mReport;
@@ -411,6 +350,7 @@ private:
     std::int64_t mStatedEnd = 0;  //!< Of the media, as the file says.
     bool mIsStarted = false;
     bool mIsClosing = false;
+    bool mIsEarly = false;     //!< It was closed before its planned end.
     bool mIsBehindEnd = false; //!< A sample was not whole: those behind it are not either.
 };
 

@@ -264,7 +264,8 @@ TEST_F(HostTracksTest, OptionsThatDoNotFitAreRefused)
     {
         ExpectRefusal(2, reasons, input, options);
     }
-    // A first caption behind the end of the video, however long the sound is and whether the input tells its length or not.
+    // A first caption behind the end of the video, however long the sound is and whether or not the input tells its
+    // length.
     const std::string late = Write("late.scc", kScc + "00:00:05;00 9420\n");
     for (const char* name : {"long.mov", "long.nut"})
     {

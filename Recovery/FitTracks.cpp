@@ -1,0 +1,85 @@
+#include "FitTracks.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace QT
+{
+
+namespace
+{
+
+bool IsMedia(const TrackRec& inTrack)
+{
+    return inTrack.mediaType == kQTMediaTypeVideo || inTrack.mediaType == kQTMediaTypeSound;
+}
+
+//! In media units.
+std::int64_t EndOf(const TrackRec& inTrack)
+{
+    return inTrack.samples.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
+}
+
+void SetLastDuration(TrackRec& ioTrack, std::int64_t inDuration)
+{
+    MediaSampleRec& last = ioTrack.samples.back();
+    ioTrack.duration -= last.sampleDuration;
+    last.sampleDuration = static_cast<std::int32_t>(inDuration); // Ends where another track does.
+    ioTrack.duration += last.sampleDuration;
+}
+
+//! Returns how many samples were left out.
+std::uint64_t FitTrack(TrackRec& ioTrack, std::int64_t inEnd)
+{
+    std::uint64_t count = 0;
+    while (EndOf(ioTrack) > inEnd)
+    {
+        const MediaSampleRec& last = ioTrack.samples.back();
+        const std::int64_t start = EndOf(ioTrack) - last.sampleDuration;
+        if (last.sampleCount != 1 || last.sampleDuration <= 0)
+        {
+            return count; // No such track as it says to be.
+        }
+        if (start < inEnd)
+        {
+            SetLastDuration(ioTrack, inEnd - start);
+            break;
+        }
+        ioTrack.duration -= last.sampleDuration;
+        ioTrack.samples.pop_back();
+        ++count;
+    }
+    const bool isTimecode = ioTrack.mediaType == kQTMediaTypeTimecode && !ioTrack.samples.empty();
+    if (isTimecode && EndOf(ioTrack) < inEnd && ioTrack.samples.back().sampleCount == 1)
+    {
+        SetLastDuration(ioTrack, ioTrack.samples.back().sampleDuration + inEnd - EndOf(ioTrack));
+    }
+    return count;
+}
+
+} // namespace
+
+std::uint64_t FitTracksToMedia(PrivateReelmill::TrackMap& ioTracks)
+{
+    double seconds = 0;
+    for (const auto& [trackID, track] : ioTracks)
+    {
+        if (IsMedia(track) && track.timeScale > 0)
+        {
+            seconds = std::max(seconds, static_cast<double>(EndOf(track)) / track.timeScale);
+        }
+    }
+    std::uint64_t count = 0;
+    for (auto& [trackID, track] : ioTracks)
+    {
+        const double end = std::round(seconds * track.timeScale);
+        if (!IsMedia(track) && end > 0 && end <= std::numeric_limits<std::int32_t>::max())
+        {
+            count += FitTrack(track, static_cast<std::int64_t>(end));
+        }
+    }
+    return count;
+}
+
+} // namespace QT
