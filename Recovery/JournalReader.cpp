@@ -206,6 +206,8 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
     }
     switch (static_cast<JournalKind>(kind))
     {
+    case JournalKind::kRepetition:
+        return ReadNumber(outRecord.emplace<JournalRepetition>().count);
     case JournalKind::kMovie: {
         auto& movie = outRecord.emplace<JournalMovie>();
         return ReadNumber(movie.timeScale) && ReadNumber(movie.placeholderSize) && ReadNumber(movie.creationTime);

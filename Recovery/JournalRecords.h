@@ -5,8 +5,6 @@
 
 #include <Tolbin/BinaryDataArray.h>
 
-#include <boost/crc.hpp>
-
 #include <cstddef>
 #include <cstdint>
 #include <variant>
@@ -19,7 +17,7 @@
 //   record   = sample | kind field*                kind: one byte, below 0x80
 //   sample   = flags [track] [size] [count] [duration] [zeros]
 //
-// A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
+// Samples that are as the one right before may be a repetition instead. A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
 // bytes and the bytes. A sample's flags say which of its fields are there; what is missing is as in the record before
 // (track) or as in the track's sample before (size, count, duration; 0 each for its first).
 //
@@ -49,25 +47,10 @@ struct JournalFrameHeader
 };
 static_assert(IsDiskRecord<JournalFrameHeader> && sizeof(JournalFrameHeader) == 8);
 
-using CRC32C = boost::crc_optimal<32, 0x1EDC6F41, 0xFFFFFFFF, 0xFFFFFFFF, true, true>;
+//! CRC-32C. Goes on from the checksum of what stands before.
+std::uint32_t ChecksumOf(const void* inData, std::size_t inSize, std::uint32_t inBefore = 0);
 
-inline std::uint32_t ChecksumOf(const void* inData, std::size_t inSize)
-{
-    CRC32C crc;
-    crc.process_bytes(inData, inSize);
-    return crc.checksum();
-}
-
-inline std::uint32_t ChecksumOfFrame(std::uint64_t inOffset, const void* inRecords, std::uint32_t inSize)
-{
-    const big_uint64_t offset = inOffset;
-    const big_uint32_t size = inSize;
-    CRC32C crc;
-    crc.process_bytes(&offset, sizeof(offset));
-    crc.process_bytes(&size, sizeof(size));
-    crc.process_bytes(inRecords, inSize);
-    return crc.checksum();
-}
+std::uint32_t ChecksumOfFrame(std::uint64_t inOffset, const void* inRecords, std::uint32_t inSize);
 
 //! The flags of a sample, the first of which every sample has and no other record.
 constexpr std::uint8_t kSampleFlag = 0x80;
@@ -88,7 +71,8 @@ enum class JournalKind : std::uint8_t
     kReference = 7,
     kProbe = 8,
     kRevocation = 9,
-    kClosing = 10
+    kClosing = 10,
+    kRepetition = 11
 };
 
 //! Tracks are counted from 0, in the order of their creation.
@@ -99,6 +83,14 @@ struct JournalSample
     std::int32_t count = 0;
     std::int32_t duration = 0; //!< Of each.
     std::uint32_t zeros = 0;   //!< Bytes at its end that are zero.
+
+    bool operator==(const JournalSample&) const = default;
+};
+
+//! The sample before came so many times more.
+struct JournalRepetition
+{
+    std::uint32_t count = 0;
 };
 
 //! The movie was created. The first record.
@@ -172,7 +164,7 @@ struct JournalClosing
 };
 
 using JournalRecord =
-    std::variant<JournalSample, JournalMovie, JournalTrack, JournalDescription, JournalEndChunk, JournalTrimIn,
-                 JournalUserData, JournalReference, JournalProbe, JournalRevocation, JournalClosing>;
+    std::variant<JournalSample, JournalRepetition, JournalMovie, JournalTrack, JournalDescription, JournalEndChunk,
+                 JournalTrimIn, JournalUserData, JournalReference, JournalProbe, JournalRevocation, JournalClosing>;
 
 } // namespace QT

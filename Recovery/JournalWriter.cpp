@@ -54,10 +54,10 @@ Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
 
 // ---- Records --------------------------------------------------------------------------------------------------------
 
-void JournalWriter::AddSample(const JournalSample& inSample)
+void JournalWriter::PutSample(const JournalSample& inSample)
 {
+    PutRepeats();
     JournalSample& last = mLast[inSample.track];
-    mMark = {mEnd, mTrack, last};
     std::uint8_t* const flags = mFrame.data() + mEnd;
     std::uint8_t* end = flags + 1;
     *flags = kSampleFlag;
@@ -91,17 +91,21 @@ void JournalWriter::AddSample(const JournalSample& inSample)
     mEnd = static_cast<std::size_t>(end - mFrame.data());
 }
 
-bool JournalWriter::TakeBackSample()
+void JournalWriter::AddUncertainSample(const JournalSample& inSample)
 {
-    if (mMark.end == 0)
+    PutSample(inSample);
+    mIsRepeatable = false; // What may be revoked is not repeated.
+}
+
+//! Writes down how often the last sample came again.
+void JournalWriter::PutRepeats()
+{
+    if (mRepeats > 0)
     {
-        return false;
+        mFrame[mEnd++] = static_cast<std::uint8_t>(JournalKind::kRepetition);
+        PutNumber(mRepeats);
+        mRepeats = 0;
     }
-    mLast[mTrack] = mMark.last;
-    mTrack = mMark.track;
-    mEnd = mMark.end;
-    mMark.end = 0;
-    return true;
 }
 
 void JournalWriter::AddTrack(const JournalTrack& inTrack)
@@ -188,7 +192,8 @@ void JournalWriter::PutKind(JournalKind inKind, std::size_t inFieldSize)
     {
         mFrame.resize(std::max(needed, mFrame.size() + mFrame.size() / 2));
     }
-    mMark.end = 0;
+    PutRepeats();
+    mIsRepeatable = false;
     mFrame[mEnd++] = static_cast<std::uint8_t>(inKind);
 }
 
@@ -248,6 +253,7 @@ void JournalWriter::PutDescription(const StoredDescription& inDescription)
 // for a frame and the next attempt writes over.
 Tolbin::Result JournalWriter::Write()
 {
+    PutRepeats();
     if (mEnd == sizeof(JournalFrameHeader))
     {
         return Tolbin::kResultSuccess;
@@ -274,7 +280,6 @@ Tolbin::Result JournalWriter::Write()
     }
     mOffset += static_cast<std::int64_t>(mEnd);
     mEnd = sizeof(header);
-    mMark.end = 0;
     return Tolbin::kResultSuccess;
 }
 

@@ -25,10 +25,19 @@ public:
     bool IsFull() const { return mEnd >= kFullSize; }
 
     //! Room for it must have been made: `IsFull` is false. Throws nothing.
-    void AddSample(const JournalSample& inSample);
+    void AddSample(const JournalSample& inSample)
+    {
+        if (mIsRepeatable && inSample == mLast[mTrack] && mRepeats < kMaxRepeats)
+        {
+            ++mRepeats;
+            return;
+        }
+        PutSample(inSample);
+        mIsRepeatable = inSample.size > 0;
+    }
 
-    //! Takes back the record that `AddSample` added last, if it was not written yet; false when it was.
-    bool TakeBackSample();
+    //! As `AddSample`, for a sample that may be revoked.
+    void AddUncertainSample(const JournalSample& inSample);
 
     void AddTrack(const JournalTrack& inTrack);
     void Add(const JournalMovie& inMovie);
@@ -51,9 +60,12 @@ public:
 
 private:
     static constexpr std::size_t kFullSize = 64 * 1024;
-    static constexpr std::size_t kMaxNumberSize = 10;                     //!< 64 bits, 7 a byte.
-    static constexpr std::size_t kMaxSampleSize = 1 + 5 * kMaxNumberSize; //!< Flags and fields.
+    static constexpr std::size_t kMaxNumberSize = 10;                           //!< 64 bits, 7 a byte.
+    static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize); //!< With the repetition before it.
+    static constexpr std::uint32_t kMaxRepeats = 0xFFFF;
 
+    void PutSample(const JournalSample& inSample);
+    void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);
     void PutKind(JournalKind inKind, std::size_t inFieldSize);
     void PutNumber(std::uint64_t inNumber);
@@ -64,17 +76,10 @@ private:
     std::int64_t mOffset = 0;                      //!< Where the next frame goes.
     std::vector<std::uint8_t> mFrame;              //!< The next frame: its header, the records, room.
     std::size_t mEnd = sizeof(JournalFrameHeader); //!< Of the records in it.
-    std::uint64_t mTrack = 0;                      //!< Of the last sample.
     std::vector<JournalSample> mLast;              //!< By track: its last sample.
-
-    //! How things stood before the last sample.
-    struct Mark
-    {
-        std::size_t end = 0; //!< 0: written since.
-        std::uint64_t track = 0;
-        JournalSample last;
-    };
-    Mark mMark;
+    std::uint64_t mTrack = 0;                      //!< Of the last sample.
+    bool mIsRepeatable = false;                    //!< That sample is the record before, and may be repeated.
+    std::uint32_t mRepeats = 0;                    //!< How often it came again.
 };
 
 } // namespace QT

@@ -274,14 +274,11 @@ private:
         {
             mJournal.Add(JournalProbe{inOffset, size, ChecksumOf(inData, size)});
         }
-        mJournal.AddSample(inSample);
+        mJournal.AddUncertainSample(inSample);
         Tolbin::Result result = mJournal.WriteThrough();
         if (result < 0)
         {
-            if (!mJournal.TakeBackSample())
-            {
-                mJournal.Add(JournalRevocation());
-            }
+            mJournal.Add(JournalRevocation());
             return result;
         }
         try

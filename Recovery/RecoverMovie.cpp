@@ -195,6 +195,17 @@ private:
         return Tolbin::kResultSuccess;
     }
 
+    Tolbin::Result Take(const JournalRepetition& inRepetition)
+    {
+        const std::optional<JournalSample> sample = mSample;
+        for (std::uint32_t i = 0; sample && sample->size > 0 && i < inRepetition.count; ++i)
+        {
+            CommitSample();
+            mSample = sample;
+        }
+        return Tolbin::kResultSuccess;
+    }
+
     Tolbin::Result Take(JournalRevocation)
     {
         mSample.reset();

@@ -5,7 +5,7 @@ projectDir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 buildPackages=(
     cmake g++ ninja-build pkg-config
-    libboost-dev libboost-system-dev
+    libboost-dev libboost-system-dev libisal-dev
     libavformat-dev libavcodec-dev libavutil-dev
     libcli11-dev libfmt-dev nlohmann-json3-dev
 )

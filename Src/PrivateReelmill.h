@@ -34,7 +34,10 @@ struct MovieStart
 Tolbin::Result MakeTextSample(const Tolbin::UTF16String& inText, Tolbin::utility::BinaryDataArray& outSample);
 
 //! Whether `inSize` bytes at `inData` can be read at all.
-bool IsValidBuffer(const void* inData, int inSize);
+inline bool IsValidBuffer(const void* inData, int inSize)
+{
+    return inSize >= 0 && (inData != nullptr || inSize == 0);
+}
 
 //! The writer. Every direct write to the file goes through `VentraFileWriteChk::Write`; media goes through the
 //! `UnbufferedWriter`. The members stand so that destruction releases user data, writer, tracks, file and path in that

@@ -167,11 +167,6 @@ struct SampleTableItemsScope
 
 Reelmill::~Reelmill() = default;
 
-bool IsValidBuffer(const void* inData, int inSize)
-{
-    return inSize >= 0 && (inData != nullptr || inSize == 0);
-}
-
 boost::shared_ptr<Reelmill> CreateReelmill()
 {
     return boost::make_shared<PrivateReelmill>();
