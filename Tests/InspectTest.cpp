@@ -975,9 +975,8 @@ private:
 
 TEST_F(InspectMovies, LargeMoviesAreSound)
 {
-    SparseFileSystem sparse{Ventra::FileSystem::System()};
-    VolumeFileSystem volume{sparse, Ventra::FileSystemType::kLocal, 4096};
-    On scope{*this, volume};
+    SparseFileSystem sparse;
+    On scope{*this, sparse};
     ASSERT_EQ(Create(), 0);
     const QT::TrackID early = NewTrack(QT::kQTMediaTypeText);
     const QT::TrackID large = NewTrack(QT::kQTMediaTypeText);

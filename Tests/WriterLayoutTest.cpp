@@ -214,9 +214,8 @@ protected:
                          sparse.Size(path));
     }
 
-    SparseFileSystem sparse{Ventra::FileSystem::System()};
-    VolumeFileSystem volume{sparse, Ventra::FileSystemType::kLocal, 4096};
-    On scope{*this, volume};
+    SparseFileSystem sparse;
+    On scope{*this, sparse};
 };
 
 TEST_F(LargeMovie, KeepsThe32BitSizeAsLongAsItFits)

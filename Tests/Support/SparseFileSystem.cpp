@@ -7,43 +7,83 @@
 using Tolbin::Result;
 using Tolbin::utility::BinaryDataArray;
 
-BinaryDataArray SparseFileSystem::Read(const Tolbin::UTF16String& inPath, std::int64_t inOffset,
-                                       std::size_t inLength) const
+void SparseFileSystem::Copy(const Content& inContent, std::int64_t inOffset, std::uint8_t* outData,
+                            std::size_t inLength)
 {
-    const Content& content = *mFiles.at(inPath);
-    BinaryDataArray bytes(inLength);
     for (std::size_t i = 0; i < inLength;)
     {
         const std::int64_t offset = inOffset + static_cast<std::int64_t>(i);
         const auto inPage = static_cast<std::size_t>(offset) % kPageSize;
         const std::size_t length = std::min(inLength - i, kPageSize - inPage);
-        const auto found = content.pages.find(offset / static_cast<std::int64_t>(kPageSize));
-        if (found != content.pages.end())
+        const auto found = inContent.pages.find(offset / static_cast<std::int64_t>(kPageSize));
+        if (found != inContent.pages.end() && !found->second.bytes.empty())
         {
-            const Page& page = found->second;
-            for (std::size_t j = 0; j < length; ++j)
-            {
-                bytes[i + j] = page.bytes.empty() ? page.fill : page.bytes[inPage + j];
-            }
+            std::memcpy(outData + i, found->second.bytes.data() + inPage, length);
+        }
+        else
+        {
+            std::memset(outData + i, found != inContent.pages.end() ? found->second.fill : 0, length);
         }
         i += length;
     }
+}
+
+BinaryDataArray SparseFileSystem::Read(const Tolbin::UTF16String& inPath, std::int64_t inOffset,
+                                       std::size_t inLength) const
+{
+    BinaryDataArray bytes(inLength);
+    Copy(*mFiles.at(inPath), inOffset, bytes.data(), inLength);
     return bytes;
+}
+
+SparseFileSystem::Files SparseFileSystem::Save() const
+{
+    Files files;
+    for (const auto& [path, content] : mFiles)
+    {
+        files.emplace(path, *content);
+    }
+    return files;
+}
+
+void SparseFileSystem::Restore(const Files& inFiles)
+{
+    mFiles.clear();
+    for (const auto& [path, content] : inFiles)
+    {
+        mFiles.emplace(path, std::make_shared<Content>(content));
+    }
 }
 
 Result SparseFileSystem::Open(const Tolbin::UTF16String& inPath, const Ventra::FileOpenMode& inMode, Handle& outHandle)
 {
-    const Result result = ForwardingFileSystem::Open(inPath, inMode, outHandle);
-    if (result >= 0)
+    using namespace Ventra::FileCreateDispositionFlags;
+    const bool exists = Exists(inPath);
+    if (exists ? inMode.disposition == kCreateNew : inMode.disposition == kOpenExisting)
     {
-        std::shared_ptr<Content>& content = mFiles[inPath];
-        if (!content || inMode.disposition == Ventra::FileCreateDispositionFlags::kCreateAlways)
-        {
-            content = std::make_shared<Content>();
-        }
-        mHandles[outHandle] = content;
+        return Tolbin::ResultFromSystemError(exists ? EEXIST : ENOENT);
     }
-    return result;
+    std::shared_ptr<Content>& content = mFiles[inPath];
+    if (!content)
+    {
+        content = std::make_shared<Content>();
+    }
+    if (inMode.disposition == kCreateAlways)
+    {
+        *content = Content();
+    }
+    outHandle = ++mLastHandle;
+    mHandles[outHandle] = content;
+    return 0;
+}
+
+Result SparseFileSystem::Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
+                              std::size_t& outRead)
+{
+    const Content& content = *mHandles.at(inHandle);
+    outRead = std::min(inLength, static_cast<std::size_t>(std::max<std::int64_t>(0, content.size - inOffset)));
+    Copy(content, inOffset, static_cast<std::uint8_t*>(outData), outRead);
+    return 0;
 }
 
 Result SparseFileSystem::Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
@@ -95,8 +135,50 @@ Result SparseFileSystem::GetSize(Handle inHandle, std::int64_t& outSize)
     return 0;
 }
 
+Result SparseFileSystem::SetSize(Handle inHandle, std::int64_t inSize)
+{
+    Content& content = *mHandles.at(inHandle);
+    const auto last = content.pages.lower_bound(inSize / static_cast<std::int64_t>(kPageSize));
+    if (inSize < content.size && last != content.pages.end())
+    {
+        Page page = last->second;
+        const auto kept = static_cast<std::size_t>(inSize) % kPageSize;
+        const bool isCut = kept != 0 && last->first == inSize / static_cast<std::int64_t>(kPageSize);
+        content.pages.erase(last, content.pages.end());
+        if (isCut)
+        {
+            page.bytes.resize(kPageSize, page.fill);
+            std::fill(page.bytes.begin() + static_cast<std::ptrdiff_t>(kept), page.bytes.end(), std::uint8_t{0});
+            content.pages[inSize / static_cast<std::int64_t>(kPageSize)] = page;
+        }
+    }
+    content.size = inSize;
+    return 0;
+}
+
+Result SparseFileSystem::Sync(Handle)
+{
+    return 0;
+}
+
 Result SparseFileSystem::Close(Handle inHandle)
 {
     mHandles.erase(inHandle);
-    return ForwardingFileSystem::Close(inHandle);
+    return 0;
+}
+
+Ventra::FileSystemType::Type SparseFileSystem::GetType(Handle)
+{
+    return Ventra::FileSystemType::kLocal;
+}
+
+Result SparseFileSystem::GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize)
+{
+    outSize = 4096;
+    return Exists(inPath) ? 0 : Tolbin::ResultFromSystemError(ENOENT);
+}
+
+Result SparseFileSystem::Remove(const Tolbin::UTF16String& inPath)
+{
+    return mFiles.erase(inPath) != 0 ? 0 : Tolbin::ResultFromSystemError(ENOENT);
 }
