@@ -1,7 +1,5 @@
 #include "JournalWriter.h"
 
-#include <Ventra/FileSystem.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -46,7 +44,7 @@ Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
     if (result < 0)
     {
         static_cast<void>(mFile.Close());
-        static_cast<void>(Ventra::FileSystem::Current().Remove(inPath));
+        static_cast<void>(Ventra::File::Remove(inPath));
     }
     mOffset = sizeof(header);
     return result;

@@ -3,7 +3,7 @@
 #include "PrivateReelmill.h"
 
 #include <Reelmill/Recovery.h>
-#include <Ventra/FileSystem.h>
+#include <Ventra/File.h>
 
 #include <boost/make_shared.hpp>
 
@@ -85,7 +85,7 @@ public:
         if (result < 0)
         {
             Abandon();
-            static_cast<void>(Ventra::FileSystem::Current().Remove(mJournalPath)); // There is nothing to recover.
+            static_cast<void>(Ventra::File::Remove(mJournalPath)); // There is nothing to recover.
             return result;
         }
         return result;
@@ -249,7 +249,7 @@ public:
         static_cast<void>(mJournal.Close()); // All of it was brought to the device.
         if (result >= 0)
         {
-            result = Ventra::FileSystem::Current().Remove(mJournalPath);
+            result = Ventra::File::Remove(mJournalPath);
         }
         return result < 0 ? result : closeResult;
     }

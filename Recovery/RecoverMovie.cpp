@@ -5,7 +5,6 @@
 
 #include <Reelmill/Recovery.h>
 #include <Ventra/File.h>
-#include <Ventra/FileSystem.h>
 
 #include <boost/make_shared.hpp>
 
@@ -440,7 +439,7 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
         result = FinishMovie(writer, inMovie);
         if (result >= 0)
         {
-            return inOptions.keepJournal ? Tolbin::kResultSuccess : Ventra::FileSystem::Current().Remove(journalPath);
+            return inOptions.keepJournal ? Tolbin::kResultSuccess : Ventra::File::Remove(journalPath);
         }
         if (!IsNoSpace(result) || !inOptions.dropsForSpace)
         {

@@ -1,27 +1,11 @@
+#include "RetryInterrupted.h"
+
 #include <Ventra/File.h>
 
 #include <cerrno>
 
 namespace Ventra
 {
-
-namespace
-{
-
-template <typename Function>
-Tolbin::Result RetryInterrupted(Function inFunction)
-{
-    for (;;)
-    {
-        const Tolbin::Result result = inFunction();
-        if (Tolbin::SystemErrorFromResult(result) != EINTR)
-        {
-            return result;
-        }
-    }
-}
-
-} // namespace
 
 File::~File()
 {
@@ -46,6 +30,7 @@ Tolbin::Result File::Create(const Tolbin::UTF16String& inPath, FileAccessFlags::
     {
         mFileSystem = &fileSystem;
         mPosition = 0;
+        mPositionResult = Tolbin::kResultSuccess;
     }
     return result;
 }
@@ -56,6 +41,10 @@ Tolbin::Result File::Read(void* outData, unsigned int inLength, unsigned int& ou
     if (mFileSystem == nullptr)
     {
         return Tolbin::ResultFromSystemError(EBADF);
+    }
+    if (mPositionResult < 0)
+    {
+        return mPositionResult;
     }
     while (outRead < inLength)
     {
@@ -84,6 +73,10 @@ Tolbin::Result File::Write(const void* inData, unsigned int inLength, unsigned i
     {
         return Tolbin::ResultFromSystemError(EBADF);
     }
+    if (mPositionResult < 0)
+    {
+        return mPositionResult;
+    }
     for (;;)
     {
         std::size_t written = 0;
@@ -109,7 +102,18 @@ Tolbin::Result File::SetFilePointer(long long inDistance, FilePointerMoveMethod:
     {
         return Tolbin::ResultFromSystemError(EBADF);
     }
-    return mFileSystem->Seek(mHandle, inDistance, inMethod, mPosition);
+    const Tolbin::Result result =
+        RetryInterrupted([&] { return mFileSystem->Seek(mHandle, inDistance, inMethod, mPosition); });
+    const bool isThere = inMethod == FilePointerMoveMethod::kBegin && inDistance == mPosition;
+    if (result >= 0 || isThere)
+    {
+        mPositionResult = Tolbin::kResultSuccess;
+    }
+    else if (Tolbin::SystemErrorFromResult(result) != EINVAL)
+    {
+        mPositionResult = result;
+    }
+    return result;
 }
 
 Tolbin::Result File::GetFilePointer(long long& outPosition) const
@@ -129,7 +133,7 @@ Tolbin::Result File::GetSize(long long& outSize) const
         return Tolbin::ResultFromSystemError(EBADF);
     }
     std::int64_t size = 0;
-    const Tolbin::Result result = mFileSystem->GetSize(mHandle, size);
+    const Tolbin::Result result = RetryInterrupted([&] { return mFileSystem->GetSize(mHandle, size); });
     if (result >= 0)
     {
         outSize = size;
@@ -169,6 +173,11 @@ Tolbin::Result File::Close()
     FileSystem* fileSystem = mFileSystem;
     mFileSystem = nullptr;
     return fileSystem->Close(mHandle); // Not retried: the handle is gone even when the call was interrupted.
+}
+
+Tolbin::Result File::Remove(const Tolbin::UTF16String& inPath)
+{
+    return RetryInterrupted([&] { return FileSystem::Current().Remove(inPath); });
 }
 
 } // namespace Ventra

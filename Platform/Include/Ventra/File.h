@@ -37,7 +37,9 @@ public:
     //! no more without naming an error; or the error that ended it, with `outWritten` telling what came before.
     Tolbin::Result Write(const void* inData, unsigned int inLength, unsigned int& outWritten);
 
-    //! Moves the file pointer. A negative target is refused (EINVAL); one beyond the end is allowed.
+    //! Moves the file pointer. A negative target is refused (EINVAL) and moves nothing; one beyond the end is allowed.
+    //! After any other failure the pointer is lost, unless it is there already: `Read` and `Write` fail with the same
+    //! result until it is moved, so that nothing goes to the wrong place.
     Tolbin::Result SetFilePointer(long long inDistance, FilePointerMoveMethod::Type inMethod);
 
     Tolbin::Result GetFilePointer(long long& outPosition) const;
@@ -56,10 +58,14 @@ public:
     //! The file is closed whatever the result.
     Tolbin::Result Close();
 
+    //! Removes a file's name; who has the file open keeps it.
+    static Tolbin::Result Remove(const Tolbin::UTF16String& inPath);
+
 private:
     FileSystem* mFileSystem = nullptr; //!< Null while no file is open.
     FileSystem::Handle mHandle = 0;
     std::int64_t mPosition = 0;
+    Tolbin::Result mPositionResult = Tolbin::kResultSuccess; //!< Negative while the pointer is lost.
 };
 
 } // namespace Ventra
