@@ -78,7 +78,13 @@ public:
         {
             return result;
         }
-        const bool isLarge = words[0] == 1 && words[1] == FourCC("mdat");
+        // What was being written when an earlier attempt ended tells nothing.
+        const bool isLarge = words[0] == 1 && words[1] == FourCC("mdat") && words[3] != FourCC("mdat");
+        const bool isSmall = words[0] == kAtomHeaderSize && words[1] == FourCC("wide") && words[3] == FourCC("mdat");
+        if (!isLarge && !isSmall)
+        {
+            return result;
+        }
         const std::uint64_t size = isLarge ? std::uint64_t{words[2]} << 32 | words[3] : std::uint64_t{words[2]};
         const std::int64_t start = isLarge ? wideOffset : wideOffset + kAtomHeaderSize;
         if (size > std::uint64_t{kAtomHeaderSize} && size < static_cast<std::uint64_t>(mSize - start))
@@ -169,7 +175,13 @@ private:
         {
             result = kQTErrOtherMovie;
         }
-        return result >= 0 ? mMovie.GetMediaEnd(start, mStatedEnd) : result;
+        std::int64_t mediaEnd = mLimit;
+        if (result >= 0)
+        {
+            result = mMovie.GetMediaEnd(start, mediaEnd);
+        }
+        mLimit = std::min(mLimit, mediaEnd); // An earlier recovery has put 'moov' where media was missing.
+        return result;
     }
 
     Tolbin::Result Take(const JournalTrack& inTrack)
@@ -297,7 +309,7 @@ private:
         if (!mIsClosing && !mIsBehindEnd)
         {
             // The journal has lost its end. What it does not tell of is not lost with it.
-            const std::int64_t end = std::min({mLimit, mStatedEnd, mMovie.GetContentEnd()});
+            const std::int64_t end = std::min(mLimit, mMovie.GetContentEnd());
             mReport.bytesUnknown = static_cast<std::uint64_t>(std::max<std::int64_t>(0, end - mKeptEnd));
             mKeptEnd = std::max(mKeptEnd, end);
         }
@@ -357,7 +369,6 @@ private:
     std::int64_t mEnd = 0;        //!< File offset behind the samples so far, whole or not.
     std::int64_t mKeptEnd = 0;    //!< Behind the last that is whole.
     std::int64_t mContentEnd = 0; //!< Behind the last byte of theirs that is not zero.
-    std::int64_t mStatedEnd = 0;  //!< Of the media, as the file says.
     bool mIsStarted = false;
     bool mIsClosing = false;
     bool mIsEarly = false;     //!< It was closed before its planned end.
