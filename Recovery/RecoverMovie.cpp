@@ -23,6 +23,7 @@ namespace
 
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::int64_t kFirstSpaceStep = 64 * 1024; //!< Left out beside the size of 'moov' when there is no room.
+constexpr std::int64_t kLastSpaceStep = 64 << 20;   //!< Where so much does not help, more would only be lost.
 
 Tolbin::Result OpenFile(Ventra::File& ioFile, const Tolbin::UTF16String& inPath, Ventra::FileAccessFlags::Type inAccess)
 {
@@ -410,6 +411,7 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
     std::int64_t limit = std::numeric_limits<std::int64_t>::max();
     std::uint64_t mostKept = 0;
     for (std::int64_t step = kFirstSpaceStep;; step *= 2)
+    Tolbin::Result spaceResult = Tolbin::kResultSuccess; // Of the attempts so far.
     {
         outReport = RecoveryReport();
         FoundMovie movie;
@@ -422,7 +424,7 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
         result = replay.Run(journalPath);
         if (result < 0)
         {
-            return result;
+            return result == kQTErrNothingWhole && spaceResult < 0 ? spaceResult : result;
         }
         PrivateReelmill& writer = replay.GetWriter();
         mostKept = std::max(mostKept, outReport.samplesKept);
@@ -452,11 +454,12 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
         {
             return inOptions.keepJournal ? Tolbin::kResultSuccess : Ventra::File::Remove(journalPath);
         }
-        if (!IsNoSpace(result) || !inOptions.dropsForSpace)
+        if (!IsNoSpace(result) || !inOptions.dropsForSpace || step > kLastSpaceStep)
         {
             return result;
         }
         limit = replay.GetMediaEnd() - static_cast<std::int64_t>(outReport.movieAtomSize) - step;
+        spaceResult = result;
     }
 }
 
