@@ -152,7 +152,7 @@ struct JournalProbe
     std::uint32_t checksum = 0; //!< CRC-32C
 };
 
-//! The sample right before never became part of the movie.
+//! The sample right before, and what was said of its bytes, never became part of the movie.
 struct JournalRevocation
 {
 };

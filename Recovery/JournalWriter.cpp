@@ -92,7 +92,12 @@ void JournalWriter::PutSample(const JournalSample& inSample)
 void JournalWriter::AddUncertainSample(const JournalSample& inSample)
 {
     PutSample(inSample);
-    mIsRepeatable = false; // What may be revoked is not repeated.
+    mIsRepeatable = false;
+}
+
+void JournalWriter::Revoke()
+{
+    mFrame[mEnd++] = static_cast<std::uint8_t>(JournalKind::kRevocation);
 }
 
 //! Writes down how often the last sample came again.
@@ -168,11 +173,6 @@ void JournalWriter::Add(const JournalProbe& inProbe)
     PutNumber(static_cast<std::uint64_t>(inProbe.offset));
     PutNumber(inProbe.size);
     PutNumber(inProbe.checksum);
-}
-
-void JournalWriter::Add(JournalRevocation)
-{
-    PutKind(JournalKind::kRevocation, 0);
 }
 
 void JournalWriter::Add(JournalClosing inClosing)

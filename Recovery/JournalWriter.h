@@ -39,6 +39,9 @@ public:
     //! As `AddSample`, for a sample that may be revoked.
     void AddUncertainSample(const JournalSample& inSample);
 
+    //! The sample that was added last, as uncertain, never became part of the movie. Throws nothing.
+    void Revoke();
+
     void AddTrack(const JournalTrack& inTrack);
     void Add(const JournalMovie& inMovie);
     void Add(const JournalDescription& inDescription);
@@ -47,7 +50,6 @@ public:
     void Add(const JournalUserData& inUserData);
     void Add(const JournalReference& inReference);
     void Add(const JournalProbe& inProbe);
-    void Add(JournalRevocation inRevocation);
     void Add(JournalClosing inClosing);
 
     //! Writes what is collected.
@@ -60,8 +62,9 @@ public:
 
 private:
     static constexpr std::size_t kFullSize = 64 * 1024;
-    static constexpr std::size_t kMaxNumberSize = 10;                           //!< 64 bits, 7 a byte.
-    static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize); //!< With the repetition before it.
+    static constexpr std::size_t kMaxNumberSize = 10; //!< 64 bits, 7 a byte.
+    //! Flags and fields, the repetition before them or the revocation behind.
+    static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize);
     static constexpr std::uint32_t kMaxRepeats = 0xFFFF;
 
     void PutSample(const JournalSample& inSample);

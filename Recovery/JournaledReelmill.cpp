@@ -278,7 +278,7 @@ private:
         Tolbin::Result result = mJournal.WriteThrough();
         if (result < 0)
         {
-            mJournal.Add(JournalRevocation());
+            mJournal.Revoke();
             return result;
         }
         try
@@ -288,13 +288,13 @@ private:
         }
         catch (...)
         {
-            mJournal.Add(JournalRevocation());
+            mJournal.Revoke();
             throw;
         }
         if (result < 0)
         {
             mFailure = result;
-            mJournal.Add(JournalRevocation());
+            mJournal.Revoke();
             static_cast<void>(mJournal.Write()); // The file ends before the sample does all the same.
         }
         if (inSample.size > 0)

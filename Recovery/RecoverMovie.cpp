@@ -221,6 +221,7 @@ private:
     Tolbin::Result Take(JournalRevocation)
     {
         mSample.reset();
+        std::erase_if(mProbes, [this](const JournalProbe& inProbe) { return inProbe.offset >= mEnd; });
         return Tolbin::kResultSuccess;
     }
 
@@ -410,8 +411,8 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
         inOptions.journalPath.empty() ? inMovie + u".journal" : inOptions.journalPath;
     std::int64_t limit = std::numeric_limits<std::int64_t>::max();
     std::uint64_t mostKept = 0;
-    for (std::int64_t step = kFirstSpaceStep;; step *= 2)
     Tolbin::Result spaceResult = Tolbin::kResultSuccess; // Of the attempts so far.
+    for (std::int64_t step = kFirstSpaceStep;; step *= 2)
     {
         outReport = RecoveryReport();
         FoundMovie movie;
@@ -458,8 +459,8 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
         {
             return result;
         }
-        limit = replay.GetMediaEnd() - static_cast<std::int64_t>(outReport.movieAtomSize) - step;
         spaceResult = result;
+        limit = replay.GetMediaEnd() - static_cast<std::int64_t>(outReport.movieAtomSize) - step;
     }
 }
 
