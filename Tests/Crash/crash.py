@@ -1,0 +1,53 @@
+#!/usr/bin/env python3
+"""Tries on the real command what users lose takes to: crashes, power cuts, full disks, failing devices, interruptions.
+
+    Tests/Crash/crash.py --rounds 200 [--seed N] [kill torn signals faults full_disk.Volumes.test_xfs ...]
+
+Prints what was tried and what came of it. Exit status: 0 all held, 1 something did not, 77 some was skipped.
+"""
+
+import argparse
+import os
+import sys
+import time
+import unittest
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+NAMES = ("kill", "torn", "signals", "faults", "full_disk")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("tests", nargs="*", default=NAMES, help=f"which ({', '.join(NAMES)}), or one of their tests")
+    parser.add_argument("--rounds", default=os.environ.get("CRASH_ROUNDS", "6"), help="kills, and so much of the rest")
+    parser.add_argument("--seed", default=os.environ.get("CRASH_SEED", "0"), help="of the random numbers; 0: the time")
+    parser.add_argument("--seconds", default=os.environ.get("CRASH_SECONDS", "8"), help="of the movie; 21 MB each")
+    parser.add_argument("--keep", help="folder for the files of rounds that failed")
+    parser.add_argument("--reelmill", default=os.environ.get("REELMILL", HERE.parents[1] / "build/dev/Host/reelmill"),
+                        help="the command")
+    options = parser.parse_args()
+    seed = int(options.seed) or int(time.time())
+    os.environ.update(CRASH_ROUNDS=options.rounds, CRASH_SEED=str(seed), CRASH_SECONDS=options.seconds,
+                      REELMILL=str(options.reelmill))
+    if options.keep:
+        os.environ["CRASH_KEEP"] = options.keep
+    sys.path.insert(0, str(HERE))
+    import movies
+
+    names = ["test_" + name.removeprefix("test_") for name in options.tests]
+    suite = unittest.defaultTestLoader.loadTestsFromNames(names)
+    start = time.monotonic()
+    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
+    print(f"{options.rounds} rounds with seed {seed} in {time.monotonic() - start:.0f} s:")
+    for what, number in sorted(movies.figures.items()):
+        print(f"  {number:5}  {what}")
+    for test, reason in result.skipped:
+        print(f"  SKIPPED {test}: {reason}")
+    if not result.wasSuccessful():
+        return 1
+    return 77 if result.skipped else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,197 @@
+"""What the tests share: rounds with a seed, faults from strace, and the way out of an interrupted wrap."""
+
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import time
+import unittest
+
+import movies
+from movies import Scene, figures, run
+
+ROUNDS = int(os.environ.get("CRASH_ROUNDS", "6"))
+SEED = int(os.environ.get("CRASH_SEED", "0")) or int(time.time())
+KEEP = os.environ.get("CRASH_KEEP")  # A folder for the journals of rounds that failed.
+
+# Calls that change files. What else the command asks the system for only reads.
+CHANGING = ("pwrite64", "write", "ftruncate", "fallocate", "fsync", "fdatasync", "link", "linkat", "rename", "renameat",
+            "renameat2", "unlink", "unlinkat", "chmod", "fchmod")
+READING = ("openat", "pread64", "read", "close", "newfstatat", "fstat", "statx", "statfs", "fstatfs", "access",
+           "faccessat2", "readlink", "lseek", "fcntl")
+
+
+class Interrupted(Exception):
+    """The wrap ended as it was asked to."""
+
+
+class CrashTest(unittest.TestCase):
+    """A test in rounds: each has a scene and random numbers of its own, and the others go on when one fails."""
+
+    def setUp(self):
+        self.reference = movies.reference()
+
+    def rounds(self, count, function, parent=None):
+        for number in range(count):
+            seed = f"{SEED}:{self.id().rpartition('.')[2]}:{number}"
+            scene = Scene(parent)
+            with self.subTest(seed=seed):
+                try:
+                    function(scene, random.Random(seed))
+                except AssertionError as error:
+                    note = describe(scene)
+                    if KEEP:
+                        target = os.path.join(KEEP, seed.replace(":", "-"))
+                        shutil.rmtree(target, ignore_errors=True)
+                        shutil.copytree(scene.folder, target)
+                        note += f"\nkept in {target}"
+                    raise AssertionError(f"{error}\n{note}") from None
+                finally:
+                    scene.clear()
+
+    # ---- The way out
+
+    def settle(self, scene, least=None, exact=True, reference=None, arguments=(), path=None):
+        """Recovers what an interrupted wrap left, and holds it against the uninterrupted movie.
+
+        least: what lies in front of this offset is known to have been written
+        exact: the journal is whole, so that all that is in the file must be in the movie and nothing else
+        Returns a word for what came of it.
+        """
+        reference = reference or self.reference
+        least = min(least, reference.end) if least is not None else None  # A 'moov' may lie behind.
+        before = scene.state()
+        if not scene.part.exists():
+            if not scene.out.exists():
+                self.assertEqual(scene.names(), [], "there is no movie")
+                self.assertLessEqual(least or 0, movies.MEDIA_OFFSET, "media was written, and is gone")
+                self.assertEqual(scene.recover(*arguments).code, 2)
+                self.assertEqual(scene.names(), [])
+                return "nothing"
+            self.assertEqual(scene.names(), ["out.mov"])
+            end = reference.check(scene.out, least=least)
+            again = scene.recover(*arguments)
+            self.assertEqual(again.code, 0, again)
+            self.assertEqual(scene.state(), before, "a whole movie was changed")
+            return "complete" if end == reference.end else "closed"
+        size = scene.part.stat().st_size
+        end = reference.whole_end(scene.part)
+        if least is not None:
+            self.assertGreaterEqual(end, least, "media that was written is not in the file")
+        done = scene.recover(*arguments, path=path)
+        if done.code == 2:
+            self.assertTrue(done.err.count("\n") == 1 and "out.mov" in done.err, done)
+            self.assertEqual(scene.state(), before, "it refused, and changed something")
+            if exact:
+                expected = reference.expect(end)
+                self.assertFalse(any(tag not in movies.SIDES for tag in expected),
+                                 f"there is media in {size} bytes, and it refused: {done}")
+            return "refused"
+        self.assertEqual(done.code, 0, done)
+        result = path if path and path != scene.part else scene.out if path is None else scene.part
+        self.assertEqual(scene.names(), [result.name], done)
+        if exact:
+            reference.check(result, exactly=end)
+        else:
+            kept = reference.check(result)
+            self.assertLessEqual(kept, end)
+        after = scene.state()
+        again = scene.recover(*arguments, path=result)
+        self.assertEqual(again.code, 0, f"the second time: {again}")
+        self.assertEqual(scene.state(), after, "the second recovery changed something")
+        return "whole" if end == reference.end else "recovered"
+
+    def assert_failed(self, done, scene, codes=(3,)):
+        """One sentence that names the file."""
+        self.assertIn(done.code, codes, done)
+        lines = done.err.strip().splitlines()
+        self.assertEqual(len(lines), 1, f"not one sentence: {done}")
+        self.assertIn("out.mov", lines[0], done)
+
+
+def describe(scene):
+    sizes = {path.name: path.stat().st_size for path in sorted(scene.folder.iterdir())}
+    return f"left: {sizes}"
+
+
+# ---- Kills ----------------------------------------------------------------------------------------------------------
+
+
+def kill_later(command, seconds, number=signal.SIGKILL, again=None):
+    """Starts a command and sends it a signal after a while; another one `again` seconds later."""
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    try:
+        time.sleep(seconds)
+        process.send_signal(number)
+        if again is not None:
+            time.sleep(again)
+            process.send_signal(number)
+        out, err = process.communicate(timeout=300)
+    except BaseException:
+        process.kill()
+        process.wait()
+        raise
+    return movies.Done(command, process.returncode, out.decode(errors="replace"), err.decode(errors="replace"))
+
+
+def time_of(scene_command):
+    """How long a command takes that goes through."""
+    scene = Scene()
+    start = time.monotonic()
+    done = run(*scene_command(scene))
+    seconds = time.monotonic() - start
+    scene.clear()
+    assert done.code == 0, done
+    return seconds
+
+
+# ---- strace ---------------------------------------------------------------------------------------------------------
+
+
+class Call:
+    """A system call on one of the scene's files."""
+
+    def __init__(self, name, ordinal, text):
+        self.name, self.ordinal, self.text = name, ordinal, text  # The n-th of its name in the process, from 1.
+
+    def written(self):
+        """(first offset, end) of what a pwrite64 wrote."""
+        found = re.search(r", (\d+)\)\s+= (\d+)$", self.text)
+        return (int(found.group(1)), int(found.group(1)) + int(found.group(2))) if found else (0, 0)
+
+
+def trace(command, scene, inject=(), names=CHANGING + READING):
+    """Runs a command under strace. Returns how it ended and its calls that concern the scene's files."""
+    log = movies.folder() / "strace.log"
+    words = ["strace", "-f", "--seccomp-bpf", "-y", "-s", "0", "-o", log, "-e", "trace=" + ",".join(names),
+             "-e", "signal=none"]
+    for fault in inject:
+        words += ["-e", "inject=" + fault]
+    done = run(*words, "--", *command)
+    calls, counts = [], {}
+    for line in log.read_text(errors="replace").splitlines():
+        found = re.match(r"\d+\s+(\w+)\((.*)$", line)
+        if found:
+            name, text = found.groups()
+            counts[name] = counts.get(name, 0) + 1
+            if str(scene.folder) in text:
+                calls.append(Call(name, counts[name], text))
+    return done, calls
+
+
+def written_end(calls):
+    """Up to which offset the movie's media was written before a write failed, as the calls say."""
+    end = movies.MEDIA_OFFSET
+    for call in calls:
+        if call.name == "pwrite64" and " = -1 " in call.text:
+            break
+        if call.name == "pwrite64" and "out.mov.part>" in call.text:
+            start, stop = call.written()
+            end = stop if start <= end < stop else end
+    return end
+
+
+def count(what, amount=1):
+    figures[what] += amount

@@ -1,0 +1,145 @@
+"""SIGKILL at random moments of a wrap, and in the middle of the recovery after it."""
+
+import json
+import shutil
+import time
+import unittest
+
+import movies
+from movies import run
+from scenes import CHANGING, ROUNDS, SEED, CrashTest, kill_later, time_of, trace, count
+
+
+class Kill(CrashTest):
+    def wrap_seconds(self):
+        return min(time_of(lambda scene: scene.wrap_command(self.reference)) for _ in range(2))
+
+    def killed(self, scene, random, seconds):
+        kill_later(scene.wrap_command(self.reference), random.uniform(0, 1.02) * seconds)
+
+    def test_at_random_moments(self):
+        seconds = self.wrap_seconds()
+
+        def once(scene, random):
+            self.killed(scene, random, seconds)
+            path = random.choice((None, scene.part)) if scene.part.exists() else None
+            came_of_it = self.settle(scene, path=path)
+            count(f"SIGKILL of wrap: {came_of_it}")
+
+        self.rounds(ROUNDS, once)
+
+    def test_at_every_call(self):
+        """At each call that changes a file: moments that random ones seldom meet."""
+        calls = self.calls(lambda scene: scene.wrap_command(self.reference))
+        step = max(1, len(calls) // (4 * ROUNDS))
+
+        for call in calls[SEED % step::step]:
+            def once(scene, random):
+                trace(scene.wrap_command(self.reference), scene, [f"{call.name}:signal=KILL:when={call.ordinal}"])
+                came_of_it = self.settle(scene)
+                count(f"SIGKILL of wrap in {call.name}: {came_of_it}")
+            with self.subTest(call=f"{call.name} {call.ordinal}"):
+                self.rounds(1, once)
+
+    @staticmethod
+    def calls(make_command):
+        scene = movies.Scene()
+        done, calls = trace(make_command(scene), scene, names=CHANGING)
+        scene.clear()
+        assert done.code == 0, done
+        return calls
+
+    def test_recovery_killed(self):
+        """Recovery is killed too, at random moments or at each call, and run again."""
+        seconds = self.wrap_seconds()
+
+        def once(scene, random):
+            while True:
+                self.killed(scene, random, seconds)
+                if scene.journal.exists() and self.reference.whole_end(scene.part) > movies.BLOCK:
+                    break
+                for path in scene.folder.iterdir():
+                    path.unlink()
+            end = self.reference.whole_end(scene.part)
+            saved = movies.Scene()
+            try:
+                for path in scene.folder.iterdir():
+                    shutil.copy(path, saved.folder / path.name)
+                done, calls = trace([movies.reelmill(), "recover", str(saved.out)], saved, names=CHANGING)
+                self.assertEqual(done.code, 0, done)
+                self.assertEqual(saved.names(), ["out.mov"])
+                self.reference.check(saved.out, exactly=end)
+            finally:
+                saved.clear()
+            if random.random() < 0.3:
+                start = time.monotonic()
+                run(movies.reelmill(), "recover", scene.out, "--dry-run")
+                kill_later([movies.reelmill(), "recover", str(scene.out)],
+                           random.uniform(0, 1.5) * (time.monotonic() - start))
+                where = "at a random moment"
+            else:
+                call = random.choice(calls)
+                trace([movies.reelmill(), "recover", str(scene.out)], scene,
+                      [f"{call.name}:signal=KILL:when={call.ordinal}"])
+                where = f"in {call.name} {call.ordinal} of {len(calls)}"
+            left = scene.names()
+            again = scene.recover()
+            self.assertEqual(again.code, 0, f"killed {where}, which left {left}: {again}")
+            self.assertEqual(scene.names(), ["out.mov"], f"killed {where}, which left {left}: {again}")
+            self.reference.check(scene.out, exactly=end)
+            count("SIGKILL of recover: recovered")
+
+        self.rounds(max(2, ROUNDS // 2), once)
+
+    def test_copy_and_dry_run(self):
+        seconds = self.wrap_seconds()
+
+        def once(scene, random):
+            while not scene.journal.exists() or self.reference.whole_end(scene.part) < movies.BLOCK:
+                for path in scene.folder.iterdir():
+                    path.unlink()
+                self.killed(scene, random, seconds)
+            before = scene.state()
+            end = self.reference.whole_end(scene.part)
+            path = random.choice((scene.out, scene.part))
+
+            dry = scene.recover("--dry-run", "--json", path=path)
+            self.assertEqual(dry.code, 0, dry)
+            self.assertEqual(scene.state(), before, "a dry run changed something")
+
+            copy = scene.folder / "copy.mov"
+            done = scene.recover("--output", copy, "--json", path=path)
+            self.assertEqual(done.code, 0, done)
+            after = scene.state()
+            self.assertIn("copy.mov", after)
+            del after["copy.mov"]
+            self.assertEqual(after, before, "the copy's original was changed")
+            self.reference.check(copy, exactly=end)
+            said, wrote = json.loads(dry.out), json.loads(done.out)
+            same = set(said) & set(wrote) - {"file", "movie", "output", "dryRun", "result"}
+            self.assertEqual({key: said[key] for key in same}, {key: wrote[key] for key in same})
+
+            refused = scene.recover("--output", copy, path=path)
+            self.assertEqual(refused.code, 2, refused)
+            copied = copy.read_bytes()
+            copy.unlink()
+            self.settle(scene)
+            self.assertEqual(copied, scene.out.read_bytes(), "in place and in a copy came out differently")
+            count("--dry-run, --output and in place: the same")
+
+        self.rounds(max(2, ROUNDS // 8), once)
+
+    def test_killed_behind_the_room(self):
+        """The 'moov' does not fit in front of the media."""
+        self.reference = movies.many_reference()
+        seconds = self.wrap_seconds()
+
+        def once(scene, random):
+            self.killed(scene, random, seconds)
+            count(f"SIGKILL of wrap, many samples: {self.settle(scene)}")
+
+        self.rounds(max(1, ROUNDS // 8), once)
+
+
+if __name__ == "__main__":
+    unittest.main()
