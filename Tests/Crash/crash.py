@@ -10,11 +10,38 @@ import argparse
 import os
 import sys
 import time
+import traceback
 import unittest
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
+START = time.monotonic()
 NAMES = ("kill", "torn", "signals", "faults", "full_disk")
+
+
+class Result(unittest.TestResult):
+    """Says at once what did not hold, and where."""
+
+    def startTest(self, test):
+        super().startTest(test)
+        print(f"{test.id()} ({time.monotonic() - START:.0f} s)", flush=True)
+
+    def _tell(self, test, error):
+        trace = "" if issubclass(error[0], AssertionError) else "".join(traceback.format_exception(*error))
+        print(f"\nFAILED {test.id()}: {trace or error[1]}\n", flush=True)
+
+    def addFailure(self, test, err):
+        super().addFailure(test, err)
+        self._tell(test, err)
+
+    def addError(self, test, err):
+        super().addError(test, err)
+        self._tell(test, err)
+
+    def addSubTest(self, test, subtest, err):
+        super().addSubTest(test, subtest, err)
+        if err is not None:
+            self._tell(subtest, err)
 
 
 def main():
@@ -37,9 +64,10 @@ def main():
 
     names = ["test_" + name.removeprefix("test_") for name in options.tests]
     suite = unittest.defaultTestLoader.loadTestsFromNames(names)
-    start = time.monotonic()
-    result = unittest.TextTestRunner(verbosity=2, stream=sys.stdout).run(suite)
-    print(f"{options.rounds} rounds with seed {seed} in {time.monotonic() - start:.0f} s:")
+    result = Result()
+    suite.run(result)
+    print(f"\n{options.rounds} rounds with seed {seed} in {time.monotonic() - START:.0f} s, "
+          f"{len(result.failures) + len(result.errors)} failed:")
     for what, number in sorted(movies.figures.items()):
         print(f"  {number:5}  {what}")
     for test, reason in result.skipped:

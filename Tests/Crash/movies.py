@@ -112,12 +112,24 @@ def read_samples(path, tag):
         return rows
 
 
+def verify(path):
+    """Bytes of media that belong to no track. Any other finding is an error, be it a note."""
+    done = run(reelmill(), "verify", "--json", path)
+    found = json.loads(done.out)
+    findings = [finding for file in found for finding in file["findings"]]
+    unused = [finding for finding in findings if finding["check"] == "media-unused"]
+    if done.code != 0 or done.err or len(unused) != len(findings):
+        raise AssertionError(f"the movie is not clean: {done}")
+    return int(unused[0]["what"].split()[0]) if unused else 0
+
+
 # ---- Source ---------------------------------------------------------------------------------------------------------
 
 
 class Source:
-    """Media files with two video and two sound tracks, and the files of chapters and captions. Black parts and silence
-    are bytes of zero, at ends of frames too, so that a tail of zeros may be media or not."""
+    """Media files with two video and two sound tracks, one of which is longer than the pictures, and the files of
+    chapters and captions. Black parts and silence are bytes of zero, at ends of frames too, so that a tail of zeros may
+    be media or not."""
 
     def __init__(self, folder, seconds):
         self.folder = Path(folder)
@@ -136,7 +148,7 @@ class Source:
              "-c:v", "rawvideo", "-pix_fmt", "rgb24", "-c:a", "pcm_s16le", self.picture)
         must(*ffmpeg, "-f", "lavfi", "-i", f"testsrc2=s=160x90:r={RATE}:d={seconds},noise=alls=30:allf=t",
              "-c:v", "mjpeg", "-pix_fmt", "yuvj420p", self.small)
-        must(*ffmpeg, "-f", "lavfi", "-i", f"sine=f=300:r=48000:d={seconds}", "-c:a", "pcm_s24le", self.sound)
+        must(*ffmpeg, "-f", "lavfi", "-i", f"sine=f=300:r=48000:d={seconds + 2}", "-c:a", "pcm_s24le", self.sound)
         self.chapters.write_text("".join(f"00:00:{second:02}.{second * 7 % 1000:03} Chapter {second}\n"
                                          for second in range(seconds)))
         self.captions.write_text("Scenarist_SCC V1.0\n" + "".join(
@@ -243,7 +255,8 @@ class Reference:
         seconds = media_seconds(streams)
         for tag in SIDES:
             if tag in streams and seconds > 0 and end < self.end:
-                fit(streams[tag], round(seconds * streams[tag].scale))
+                last = media_seconds({t: s for t, s in streams.items() if t not in PCM}) if tag == "tmcd" else seconds
+                fit(streams[tag], round((last or seconds) * streams[tag].scale))
         return {tag: stream for tag, stream in streams.items() if stream.rows}
 
     def check(self, path, least=None, exactly=None):
@@ -253,9 +266,7 @@ class Reference:
         exactly: and no more
         Returns the offset up to which the media is in the movie.
         """
-        verified = run(reelmill(), "verify", path)
-        if verified.code != 0 or len(verified.out.splitlines()) != 1 or verified.err:
-            raise AssertionError(f"the movie is not clean: {verified}")
+        unused = verify(path)
         found = self._read(path)
         ends = [row[3] + row[2] for tag, stream in found.items() if tag not in SIDES for row in stream.rows]
         end = exactly if exactly is not None else max(ends, default=0)
@@ -278,6 +289,10 @@ class Reference:
                 raise AssertionError(f"'{tag}' has {len(found[tag].rows)} packets and {found[tag].count()} samples, "
                                      f"and should have {len(stream.rows)} and {stream.count()}")
         self._check_chapters(path, expected)
+        cut = sum(row[2] for tag in SIDES if tag in self.streams for row in self.streams[tag].rows
+                  if row[3] + row[2] <= end) - sum(row[2] for tag in SIDES if tag in found for row in found[tag].rows)
+        if exactly is not None and unused != cut:
+            raise AssertionError(f"{unused} bytes of media are not used, and {cut} have a reason")
         return end
 
     def _check_chapters(self, path, expected):
