@@ -711,8 +711,18 @@ private:
         const auto positive = [](std::int32_t inValue) { return static_cast<std::uint64_t>(std::max(inValue, 0)); };
         const std::uint64_t tolerance =
             2 + Rescale(positive(format.frameDuration), positive(format.timeScale), mMovie.GetTimeScale());
+        // It lasts as long as the longest of the tracks that refer to it.
+        std::uint64_t longest = 0;
+        for (const Track& track : mMovie.GetTracks())
+        {
+            const auto found = track.references.find(FourCC("tmcd"));
+            const bool isUser = found != track.references.end() &&
+                                std::find(found->second.begin(), found->second.end(), inTimecode.id) !=
+                                    found->second.end();
+            longest = isUser ? std::max(longest, track.duration) : longest;
+        }
         const bool isShort = Less(inUser.duration, inTimecode.duration) > tolerance;
-        const bool isLong = Less(inTimecode.duration, inUser.duration) > tolerance;
+        const bool isLong = Less(inTimecode.duration, longest) > tolerance;
         const std::string what = fmt::format("the timecode lasts {} movie units, track {} lasts {}",
                                              inTimecode.duration, inUser.id, inUser.duration);
         if (isShort && inUser.handlerType == FourCC("vide"))
