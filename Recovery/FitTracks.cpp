@@ -58,21 +58,40 @@ std::uint64_t FitTrack(TrackRec& ioTrack, std::int64_t inEnd)
     return count;
 }
 
-} // namespace
-
-std::uint64_t FitTracksToMedia(PrivateReelmill::TrackMap& ioTracks)
+//! Where picture and sound end of the tracks that count, in seconds.
+template <typename Predicate>
+double GetMediaSeconds(const PrivateReelmill::TrackMap& inTracks, Predicate inCounts)
 {
     double seconds = 0;
-    for (const auto& [trackID, track] : ioTracks)
+    for (const auto& [trackID, track] : inTracks)
     {
-        if (IsMedia(track) && track.timeScale > 0)
+        if (IsMedia(track) && track.timeScale > 0 && inCounts(track))
         {
             seconds = std::max(seconds, static_cast<double>(EndOf(track)) / track.timeScale);
         }
     }
+    return seconds;
+}
+
+} // namespace
+
+std::uint64_t FitTracksToMedia(PrivateReelmill::TrackMap& ioTracks)
+{
+    const double mediaSeconds = GetMediaSeconds(ioTracks, [](const TrackRec&) { return true; });
     std::uint64_t count = 0;
     for (auto& [trackID, track] : ioTracks)
     {
+        double seconds = mediaSeconds;
+        if (track.mediaType == kQTMediaTypeTimecode)
+        {
+            const TrackID timecode = trackID;
+            const double users = GetMediaSeconds(ioTracks, [timecode](const TrackRec& inTrack) {
+                const auto found = inTrack.trackReferences.find(kQTTrackReferenceTimecode);
+                return found != inTrack.trackReferences.end() &&
+                       std::find(found->second.begin(), found->second.end(), timecode) != found->second.end();
+            });
+            seconds = users > 0 ? users : mediaSeconds;
+        }
         const double end = std::round(seconds * track.timeScale);
         if (!IsMedia(track) && end > 0 && end <= std::numeric_limits<std::int32_t>::max())
         {
