@@ -22,8 +22,6 @@ namespace
 {
 
 constexpr TrackID kFirstTrackID = 256;
-constexpr std::int64_t kFirstSpaceStep = 64 * 1024; //!< Left out beside the size of 'moov' when there is no room.
-constexpr std::int64_t kLastSpaceStep = 64 << 20;   //!< Where so much does not help, more would only be lost.
 
 Tolbin::Result OpenFile(Ventra::File& ioFile, const Tolbin::UTF16String& inPath, Ventra::FileAccessFlags::Type inAccess)
 {
@@ -383,9 +381,11 @@ bool IsNoSpace(Tolbin::Result inResult)
     return error == ENOSPC || error == EDQUOT || error == EFBIG;
 }
 
-Tolbin::Result FinishMovie(PrivateReelmill& ioWriter, const Tolbin::UTF16String& inPath)
+//! Finishes the file, which is cut to `inFileSize` bytes first and to its final size last.
+Tolbin::Result FinishMovie(PrivateReelmill& ioWriter, const Tolbin::UTF16String& inPath, std::int64_t inFileSize,
+                           std::uint64_t inFinalSize)
 {
-    Tolbin::Result result = ioWriter.OpenResumed(inPath);
+    Tolbin::Result result = ioWriter.OpenResumed(inPath, inFileSize);
     if (result >= 0)
     {
         result = ioWriter.Close();
@@ -399,40 +399,35 @@ Tolbin::Result FinishMovie(PrivateReelmill& ioWriter, const Tolbin::UTF16String&
     {
         result = OpenFile(file, inPath, Ventra::FileAccessFlags::kWrite);
     }
+    if (result >= 0)
+    {
+        result = file.SetSize(static_cast<long long>(inFinalSize));
+    }
     return result >= 0 ? file.Sync() : result;
 }
 
-} // namespace
-
-Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& outReport,
-                            const RecoveryOptions& inOptions)
+//! One attempt to finish the movie with what lies in front of `inLimit`. `ioFileSize` is where the file is cut first: at
+//! the end of the media, unless an earlier attempt has set it.
+Tolbin::Result TryToRecover(const Tolbin::UTF16String& inMovie, const Tolbin::UTF16String& inJournal, bool inIsDryRun,
+                            std::int64_t inLimit, std::int64_t& ioFileSize, RecoveryReport& outReport)
 {
-    const Tolbin::UTF16String journalPath =
-        inOptions.journalPath.empty() ? inMovie + u".journal" : inOptions.journalPath;
-    std::int64_t limit = std::numeric_limits<std::int64_t>::max();
-    std::uint64_t mostKept = 0;
-    Tolbin::Result spaceResult = Tolbin::kResultSuccess; // Of the attempts so far.
-    for (std::int64_t step = kFirstSpaceStep;; step *= 2)
+    outReport = RecoveryReport();
+    FoundMovie movie;
+    Tolbin::Result result = movie.Open(inMovie);
+    if (result < 0)
     {
-        outReport = RecoveryReport();
-        FoundMovie movie;
-        Tolbin::Result result = movie.Open(inMovie);
-        if (result < 0)
-        {
-            return result;
-        }
-        Replay replay(movie, std::min(limit, movie.GetSize()), outReport);
-        result = replay.Run(journalPath);
-        if (result < 0)
-        {
-            return result == kQTErrNothingWhole && spaceResult < 0 ? spaceResult : result;
-        }
-        PrivateReelmill& writer = replay.GetWriter();
-        mostKept = std::max(mostKept, outReport.samplesKept);
-        outReport.samplesDroppedForSpace = mostKept - outReport.samplesKept;
-        outReport.samplesDropped -= std::min(outReport.samplesDropped, outReport.samplesDroppedForSpace);
-        outReport.movieTimeScale = writer.GetStart().movieTimeScale;
-        outReport.movieDuration = writer.GetMovieDuration();
+        return result;
+    }
+    Replay replay(movie, std::min(inLimit, movie.GetSize()), outReport);
+    result = replay.Run(inJournal);
+    if (result < 0)
+    {
+        return result;
+    }
+    PrivateReelmill& writer = replay.GetWriter();
+    outReport.movieTimeScale = writer.GetStart().movieTimeScale;
+    outReport.movieDuration = writer.GetMovieDuration();
+    {
         Tolbin::utility::BinaryDataArray movieAtom;
         result = writer.MakeMooVAtom(movieAtom);
         if (result < 0)
@@ -440,28 +435,39 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
             return result;
         }
         outReport.movieAtomSize = movieAtom.size();
-        outReport.isMovieAtomInFront = writer.FitsPlaceholder(movieAtom.size());
-        const auto mediaEnd = static_cast<std::uint64_t>(replay.GetMediaEnd());
-        outReport.movieSize = mediaEnd + (outReport.isMovieAtomInFront ? 0 : movieAtom.size());
-        outReport.bytesCut =
-            static_cast<std::uint64_t>(std::max<std::int64_t>(0, movie.GetSize() - replay.GetMediaEnd()));
-        movieAtom = {};
-        if (inOptions.dryRun)
-        {
-            return Tolbin::kResultSuccess;
-        }
-        result = FinishMovie(writer, inMovie);
-        if (result >= 0)
-        {
-            return inOptions.keepJournal ? Tolbin::kResultSuccess : Ventra::File::Remove(journalPath);
-        }
-        if (!IsNoSpace(result) || !inOptions.dropsForSpace || step > kLastSpaceStep)
-        {
-            return result;
-        }
-        spaceResult = result;
-        limit = replay.GetMediaEnd() - static_cast<std::int64_t>(outReport.movieAtomSize) - step;
     }
+    outReport.isMovieAtomInFront = writer.FitsPlaceholder(outReport.movieAtomSize);
+    const std::int64_t mediaEnd = replay.GetMediaEnd();
+    outReport.movieSize =
+        static_cast<std::uint64_t>(mediaEnd) + (outReport.isMovieAtomInFront ? 0 : outReport.movieAtomSize);
+    outReport.bytesCut = static_cast<std::uint64_t>(std::max<std::int64_t>(0, movie.GetSize() - mediaEnd));
+    ioFileSize = std::max(ioFileSize, mediaEnd);
+    return inIsDryRun ? result : FinishMovie(writer, inMovie, ioFileSize, outReport.movieSize);
+}
+
+} // namespace
+
+Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& outReport,
+                            const RecoveryOptions& inOptions)
+{
+    const Tolbin::UTF16String journal = inOptions.journalPath.empty() ? inMovie + u".journal" : inOptions.journalPath;
+    std::int64_t fileSize = 0;
+    Tolbin::Result result =
+        TryToRecover(inMovie, journal, inOptions.dryRun, std::numeric_limits<std::int64_t>::max(), fileSize, outReport);
+    if (IsNoSpace(result) && inOptions.dropsForSpace && fileSize > 0 && !outReport.isMovieAtomInFront)
+    {
+        // 'moov' takes the place of the last samples, so that the file need not grow.
+        const std::uint64_t all = outReport.samplesKept;
+        result = TryToRecover(inMovie, journal, /*inIsDryRun*/ false,
+                              fileSize - static_cast<std::int64_t>(outReport.movieAtomSize), fileSize, outReport);
+        outReport.samplesDroppedForSpace = all - std::min(all, outReport.samplesKept);
+        outReport.samplesDropped -= std::min(outReport.samplesDropped, outReport.samplesDroppedForSpace);
+    }
+    if (result >= 0 && !inOptions.dryRun && !inOptions.keepJournal)
+    {
+        result = Ventra::File::Remove(journal);
+    }
+    return result;
 }
 
 } // namespace QT

@@ -87,8 +87,9 @@ public:
     //! references and trim-ins are then added as ever, media by `RestoreMediaSample`; `Close` finishes the file.
     void Resume(const MovieStart& inStart);
 
-    //! Opens the file of a movie that was resumed, and cuts off all behind the media.
-    Tolbin::Result OpenResumed(const Tolbin::UTF16String& inPath);
+    //! Opens the file of a movie that was resumed, and cuts it to `inFileSize` bytes, which hold all its media. `Close`
+    //! does not cut what is left behind media and 'moov'.
+    Tolbin::Result OpenResumed(const Tolbin::UTF16String& inPath, std::int64_t inFileSize);
 
     //! Records samples that lie in the file at `inFileOffset`.
     void RestoreMediaSample(TrackID inTrackID, std::int64_t inFileOffset, std::int32_t inDataSize,
@@ -145,6 +146,7 @@ private:
     boost::shared_ptr<UnbufferedWriter> unbufferedWriter;
     UserDataMap userData; //!< The movie's, by four-character type.
     State state = State::Constructed;
+    bool isResumed = false;
     Tolbin::Result placeholderResult = Tolbin::kResultSuccess;
 };
 

@@ -588,7 +588,9 @@ Tolbin::Result PrivateReelmill::PlaceMooVAtom(Tolbin::utility::BinaryDataArray& 
     const std::uint64_t size = inMooVAtom.size();
     if (!FitsPlaceholder(size))
     {
-        static_cast<void>(file->SetFilePointer(0, Ventra::FilePointerMoveMethod::kEnd));
+        // A movie that was resumed may still reach beyond its media.
+        static_cast<void>(isResumed ? file->SetFilePointer(GetMediaEnd(), Ventra::FilePointerMoveMethod::kBegin)
+                                    : file->SetFilePointer(0, Ventra::FilePointerMoveMethod::kEnd));
         return Write(inMooVAtom.data(), size);
     }
     static_cast<void>(file->SetFilePointer(placeholderOffset, Ventra::FilePointerMoveMethod::kBegin));
@@ -777,12 +779,13 @@ void PrivateReelmill::Resume(const MovieStart& inStart)
     mediaDataOffset = inStart.GetMediaDataOffset();
     const auto seconds = static_cast<std::time_t>(inStart.creationTime);
     static_cast<void>(gmtime_r(&seconds, &creationTime));
+    isResumed = true;
     state = State::Streaming;
 }
 
 // On disk before: a head whose placeholder and 'mdat' header may have been written over by an earlier attempt to close
 // the movie, media, anything. Afterwards: the head as `Create` left it, but for the placeholder's body, and the media.
-Tolbin::Result PrivateReelmill::OpenResumed(const Tolbin::UTF16String& inPath)
+Tolbin::Result PrivateReelmill::OpenResumed(const Tolbin::UTF16String& inPath, std::int64_t inFileSize)
 {
     path = inPath;
     file = boost::make_shared<Ventra::File>();
@@ -791,7 +794,7 @@ Tolbin::Result PrivateReelmill::OpenResumed(const Tolbin::UTF16String& inPath)
                      Ventra::FileCreateDispositionFlags::kOpenExisting, Ventra::FileAttributesFlags::kNormal, false);
     if (result >= 0)
     {
-        result = file->SetSize(mediaDataOffset + mediaDataSize);
+        result = file->SetSize(inFileSize);
     }
     if (result >= 0)
     {

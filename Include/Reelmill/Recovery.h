@@ -47,7 +47,7 @@ struct RecoveryOptions
     bool dryRun = false;             //!< Reports only; writes nothing.
     bool keepJournal = false;        //!< Does not remove the journal afterwards.
 
-    //! Leaves samples out at the end, as many as needed, when there is no room to finish the movie with all of them.
+    //! Where there is no room for 'moov' behind the media, it takes the place of the last samples.
     bool dropsForSpace = false;
 };
 
