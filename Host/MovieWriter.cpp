@@ -134,11 +134,13 @@ void MovieWriter::AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t 
 void MovieWriter::Close()
 {
     Check(mWriter->Close());
+    mJournal.clear(); // It is gone.
 }
 
 void MovieWriter::CloseEarly()
 {
     Check(QT::CloseMovieEarly(*mWriter));
+    mJournal.clear(); // It is gone.
 }
 
 std::optional<double> MovieWriter::Recover()
