@@ -10,6 +10,8 @@ namespace
 
 constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
 std::atomic<std::size_t> sLimit{kUnlimited};
+std::atomic<int> sLeft{0}; // Allocations up to the one that fails; 0 without such a one.
+std::atomic<bool> sHasStruck{false};
 
 } // namespace
 
@@ -21,6 +23,29 @@ AllocationLimit::AllocationLimit(std::size_t inLimit)
 AllocationLimit::~AllocationLimit()
 {
     sLimit = kUnlimited;
+}
+
+AllocationFault::AllocationFault(int inNumber)
+{
+    sHasStruck = false;
+    sLeft = inNumber;
+}
+
+AllocationFault::~AllocationFault()
+{
+    sLeft = 0;
+}
+
+bool AllocationFault::HasStruck()
+{
+    return sHasStruck;
+}
+
+AllocationFault::Pause::Pause() : mLeft(sLeft.exchange(0)) {}
+
+AllocationFault::Pause::~Pause()
+{
+    sLeft = mLeft;
 }
 
 bool AllocationLimit::Works()
@@ -39,6 +64,11 @@ bool AllocationLimit::Works()
 
 void* operator new(std::size_t inSize)
 {
+    if (sLeft > 0 && --sLeft == 0)
+    {
+        sHasStruck = true;
+        throw std::bad_alloc();
+    }
     void* memory = inSize > sLimit ? nullptr : std::malloc(inSize == 0 ? 1 : inSize);
     if (memory == nullptr)
     {

@@ -16,3 +16,31 @@ public:
     AllocationLimit(const AllocationLimit&) = delete;
     AllocationLimit& operator=(const AllocationLimit&) = delete;
 };
+
+//! For a scope, one allocation fails with `std::bad_alloc`: the one with this number, counted from 1.
+class AllocationFault
+{
+public:
+    explicit AllocationFault(int inNumber);
+    ~AllocationFault();
+
+    //! Whether it has been reached.
+    static bool HasStruck();
+
+    //! For a scope, allocations neither count nor fail.
+    class Pause
+    {
+    public:
+        Pause();
+        ~Pause();
+
+        Pause(const Pause&) = delete;
+        Pause& operator=(const Pause&) = delete;
+
+    private:
+        int mLeft;
+    };
+
+    AllocationFault(const AllocationFault&) = delete;
+    AllocationFault& operator=(const AllocationFault&) = delete;
+};
