@@ -22,6 +22,7 @@ namespace
 {
 
 constexpr TrackID kFirstTrackID = 256;
+constexpr std::int64_t kSpareSpace = 64 * 1024; //!< Left out beside the size of 'moov' when there is no room for it.
 
 Tolbin::Result OpenFile(Ventra::File& ioFile, const Tolbin::UTF16String& inPath, Ventra::FileAccessFlags::Type inAccess)
 {
@@ -457,11 +458,16 @@ Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& 
     if (IsNoSpace(result) && inOptions.dropsForSpace && fileSize > 0 && !outReport.isMovieAtomInFront)
     {
         // 'moov' takes the place of the last samples, so that the file need not grow.
-        const std::uint64_t all = outReport.samplesKept;
-        result = TryToRecover(inMovie, journal, /*inIsDryRun*/ false,
-                              fileSize - static_cast<std::int64_t>(outReport.movieAtomSize), fileSize, outReport);
-        outReport.samplesDroppedForSpace = all - std::min(all, outReport.samplesKept);
-        outReport.samplesDropped -= std::min(outReport.samplesDropped, outReport.samplesDroppedForSpace);
+        const std::int64_t limit = fileSize - static_cast<std::int64_t>(outReport.movieAtomSize) - kSpareSpace;
+        RecoveryReport report;
+        const Tolbin::Result dropResult = TryToRecover(inMovie, journal, /*inIsDryRun*/ false, limit, fileSize, report);
+        if (dropResult != kQTErrNothingWhole)
+        {
+            report.samplesDroppedForSpace = outReport.samplesKept - std::min(outReport.samplesKept, report.samplesKept);
+            report.samplesDropped -= std::min(report.samplesDropped, report.samplesDroppedForSpace);
+            outReport = report;
+            result = dropResult;
+        }
     }
     if (result >= 0 && !inOptions.dryRun && !inOptions.keepJournal)
     {

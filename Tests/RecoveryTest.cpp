@@ -383,4 +383,60 @@ TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
     EXPECT_EQ(FindAtom(Movie(), "moov/trak/tapt").size(), 68u);
 }
 
+//! A volume on which no file gets longer than the movie is.
+class FullFileSystem final : public ForwardingFileSystem
+{
+public:
+    FullFileSystem(Ventra::FileSystem& inNext, std::int64_t inLimit) : ForwardingFileSystem(inNext), mLimit(inLimit) {}
+
+    Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
+                 std::size_t& outWritten) override
+    {
+        outWritten = 0;
+        return inOffset + static_cast<std::int64_t>(inLength) > mLimit
+                   ? Tolbin::ResultFromSystemError(ENOSPC)
+                   : ForwardingFileSystem::Write(inHandle, inOffset, inData, inLength, outWritten);
+    }
+
+private:
+    std::int64_t mLimit;
+};
+
+TEST_F(Recovery, MovieAtomTakesThePlaceOfSamplesOnAFullDisk)
+{
+    constexpr int kCount = 200000; // Their tables do not fit in front of the media.
+    {
+        const auto journaled = QT::CreateJournaledReelmill();
+        ASSERT_EQ(journaled->Create(path, 100), 0);
+        QT::TrackID track = 0;
+        ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), track), 0);
+        std::string data(60, 'x');
+        for (int i = 0; i < kCount; ++i)
+        {
+            ASSERT_EQ(journaled->AddMediaSample(track, data.data(), 40 + i % 20, 1, 1, 0, false), 0);
+        }
+    }
+    const BinaryDataArray found = Movie();
+    FullFileSystem full(volume, static_cast<std::int64_t>(found.size()));
+    const Ventra::FileSystemScope fullScope(full);
+    RecoveryReport report;
+    RecoveryOptions options;
+    EXPECT_EQ(Recover(report, options), Tolbin::ResultFromSystemError(ENOSPC));
+    const std::uint64_t all = report.samplesKept;
+    const BinaryDataArray left = Movie();
+    EXPECT_EQ(left.size(), kMediaOffset + report.bytesKept) << "a recovery without room loses nothing";
+    EXPECT_TRUE(std::equal(left.begin() + kMediaOffset, left.end(), found.begin() + kMediaOffset));
+    options.dropsForSpace = true;
+    ASSERT_EQ(Recover(report, options), 0);
+    EXPECT_EQ(report.samplesKept + report.samplesDroppedForSpace, all);
+    EXPECT_GT(report.samplesKept, all / 2);
+    const BinaryDataArray movie = Movie();
+    EXPECT_EQ(movie.size(), report.movieSize);
+    EXPECT_LE(movie.size(), found.size());
+    const std::vector<Atom> atoms = ListAtoms(movie);
+    EXPECT_EQ(atoms.back().type, "moov");
+    EXPECT_EQ(static_cast<std::uint64_t>(atoms.back().size), report.movieAtomSize);
+    EXPECT_EQ(Big32(FindAtom(movie, "moov/trak/mdia/minf/stbl/stsz"), 16), report.samplesKept);
+}
+
 } // namespace
