@@ -137,9 +137,9 @@ void MovieWriter::Close()
     mJournal.clear(); // It is gone.
 }
 
-void MovieWriter::CloseEarly()
+void MovieWriter::CloseWithMedia()
 {
-    Check(QT::CloseMovieEarly(*mWriter));
+    Check(QT::CloseMovieWithMedia(*mWriter));
     mJournal.clear(); // It is gone.
 }
 

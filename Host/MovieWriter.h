@@ -55,8 +55,8 @@ public:
     void AddUserData(std::optional<QT::TrackID> inTrack, std::uint32_t inType, std::string& inPayload);
     void Close();
 
-    //! Closes a movie that ends before its planned end.
-    void CloseEarly();
+    //! Closes a movie whose end was not known before: its tracks end with picture and sound.
+    void CloseWithMedia();
 
     //! After a WriteError: finishes the movie with what is whole in the file. Returns its length in seconds; none when
     //! nothing is whole. Throws CommandError when that fails, and movie and journal stay.

@@ -537,18 +537,12 @@ void SideTracks::Start(MovieWriter& ioWriter, const std::vector<Media>& inMedia)
     }
 }
 
-//! Adds a sample that counts on from those before it.
+//! Adds the only sample.
 void SideTracks::WriteTimecode(MovieWriter& ioWriter, std::int64_t inDuration)
 {
-    if (inDuration <= 0)
-    {
-        return;
-    }
     Side& side = mTimecode->side;
     const int frames = TimecodeFrames(mTimecode->rate);
-    const std::int64_t passed = (side.duration + mTimecode->frameDuration / 2) / mTimecode->frameDuration;
-    const auto number = static_cast<std::uint32_t>((CountFrames(mTimecode->timecode, frames) + passed) %
-                                                   CountFramesOfDay(mTimecode->timecode.isDropFrame, frames));
+    const auto number = static_cast<std::uint32_t>(CountFrames(mTimecode->timecode, frames));
     std::vector<std::uint8_t> sample = {
         static_cast<std::uint8_t>(number >> 24U), static_cast<std::uint8_t>(number >> 16U & 0xFFU),
         static_cast<std::uint8_t>(number >> 8U & 0xFFU), static_cast<std::uint8_t>(number & 0xFFU)};
@@ -667,11 +661,8 @@ void SideTracks::Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia
         const auto toUnits = [&](std::int64_t inUnits) {
             return av_rescale(inUnits, side.timeScale, video.track->GetTimeScale());
         };
-        WriteTimecode(ioWriter, toUnits(video.duration) - side.duration);
-        if (side.duration > toUnits(video.duration))
-        {
-            mNotes.emplace_back("the timecode is as long as the input said that its video is, which ended earlier");
-        }
+        mEndsWithMedia = side.duration != toUnits(video.duration);
+        side.duration = toUnits(video.duration);
     }
     for (TextTrack& track : mTexts)
     {

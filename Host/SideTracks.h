@@ -58,6 +58,9 @@ public:
     //! after the end.
     void Finish(MovieWriter& ioWriter, const std::vector<Media>& inMedia, double inEnd);
 
+    //! After `Finish`: the tracks are to be cut, or the timecode to last, until the end of the media.
+    bool EndsWithMedia() const { return mEndsWithMedia; }
+
     //! The media ends before its planned end: what is ready is written. The writer cuts the tracks.
     void FinishEarly(MovieWriter& ioWriter, const std::vector<Media>& inMedia);
 
@@ -132,6 +135,7 @@ private:
     std::vector<SccLine> mCaptionLines;
     std::optional<std::size_t> mVideo; //!< the first video, among the media
     int mMediaCount = 0;
+    bool mEndsWithMedia = false;
     std::optional<TimecodeTrack> mTimecode;
     std::vector<TextTrack> mTexts; //!< chapters first
     std::optional<CaptionTrack> mCaptions;

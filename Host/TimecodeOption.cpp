@@ -102,9 +102,4 @@ std::int64_t CountFrames(const Timecode& inTimecode, int inFrames)
     return inTimecode.isDropFrame ? number - DroppedNumbers(inFrames) * (minutes - minutes / 10) : number;
 }
 
-std::int64_t CountFramesOfDay(bool inIsDropFrame, int inFrames)
-{
-    return CountFrames({24, 0, 0, 0, inIsDropFrame}, inFrames);
-}
-
 } // namespace Host

@@ -43,7 +43,4 @@ std::optional<TimecodeFault> FindTimecodeFault(const Timecode& inTimecode, AVRat
 //! first numbers (;00 and ;01 of 30) of every minute but each tenth.
 std::int64_t CountFrames(const Timecode& inTimecode, int inFrames);
 
-//! Numbers in a day.
-std::int64_t CountFramesOfDay(bool inIsDropFrame, int inFrames);
-
 } // namespace Host

@@ -537,7 +537,7 @@ void Wrapper::WriteMovie(const std::filesystem::path& inPart)
     if (mRefusals.IsEmpty())
     {
         mSides.Finish(*mWriter, ListMedia(), mSeconds);
-        mWriter->Close();
+        mSides.EndsWithMedia() ? mWriter->CloseWithMedia() : mWriter->Close();
     }
 }
 
@@ -808,7 +808,7 @@ void Wrapper::KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError)
     try
     {
         mSides.FinishEarly(*mWriter, ListMedia());
-        mWriter->CloseEarly();
+        mWriter->CloseWithMedia();
     }
     catch (const WriteError& error)
     {

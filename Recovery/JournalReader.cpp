@@ -246,9 +246,9 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
         outRecord.emplace<JournalRevocation>();
         return true;
     case JournalKind::kClosing: {
-        std::uint8_t isEarly = 0;
-        const bool isRead = ReadNumber(isEarly);
-        outRecord.emplace<JournalClosing>().isEarly = isEarly != 0;
+        std::uint8_t endsWithMedia = 0;
+        const bool isRead = ReadNumber(endsWithMedia);
+        outRecord.emplace<JournalClosing>().endsWithMedia = endsWithMedia != 0;
         return isRead;
     }
     }

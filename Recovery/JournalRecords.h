@@ -160,7 +160,7 @@ struct JournalRevocation
 //! `Close` was called: nothing comes behind.
 struct JournalClosing
 {
-    bool isEarly = false; //!< By `CloseMovieEarly`.
+    bool endsWithMedia = false; //!< By `CloseMovieWithMedia`.
 };
 
 using JournalRecord =

@@ -178,7 +178,7 @@ void JournalWriter::Add(const JournalProbe& inProbe)
 void JournalWriter::Add(JournalClosing inClosing)
 {
     PutKind(JournalKind::kClosing, kMaxNumberSize);
-    PutNumber(inClosing.isEarly ? 1 : 0);
+    PutNumber(inClosing.endsWithMedia ? 1 : 0);
 }
 
 //! Begins a record whose fields take at most so many bytes, and leaves room for a sample behind it. Nothing has changed

@@ -209,10 +209,10 @@ public:
 
     // On disk before: the movie as far as it was written, the journal. Afterwards: the finished movie; or the journal,
     // complete, and a movie that holds no more and no less media than before the step that failed.
-    Tolbin::Result Close() override { return CloseAt(/*inIsEarly*/ false); }
+    Tolbin::Result Close() override { return CloseAt(/*inEndsWithMedia*/ false); }
 
-    //! See `CloseMovieEarly`.
-    Tolbin::Result CloseAt(bool inIsEarly)
+    //! See `CloseMovieWithMedia`.
+    Tolbin::Result CloseAt(bool inEndsWithMedia)
     {
         Tolbin::Result result = mWriter->Flush(); // Tells whether the movie is open.
         if (result < 0)
@@ -223,7 +223,7 @@ public:
         if (result >= 0)
         {
             AddChangedDescriptions();
-            mJournal.Add(JournalClosing{inIsEarly});
+            mJournal.Add(JournalClosing{inEndsWithMedia});
             result = mJournal.WriteThrough();
         }
         if (result >= 0)
@@ -235,7 +235,7 @@ public:
             Abandon();
             return result;
         }
-        if (inIsEarly)
+        if (inEndsWithMedia)
         {
             FitTracksToMedia(mWriter->GetTracks());
         }
@@ -348,11 +348,11 @@ boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJourna
     return boost::make_shared<JournaledReelmill>(inJournalPath);
 }
 
-Tolbin::Result CloseMovieEarly(Reelmill& ioMovie)
+Tolbin::Result CloseMovieWithMedia(Reelmill& ioMovie)
 {
     if (auto* const journaled = dynamic_cast<JournaledReelmill*>(&ioMovie))
     {
-        return journaled->CloseAt(/*inIsEarly*/ true);
+        return journaled->CloseAt(/*inEndsWithMedia*/ true);
     }
     if (auto* const plain = dynamic_cast<PrivateReelmill*>(&ioMovie))
     {

@@ -261,7 +261,7 @@ private:
     {
         CommitSample();
         mIsClosing = true;
-        mIsEarly = inClosing.isEarly;
+        mEndsWithMedia = inClosing.endsWithMedia;
         return Tolbin::kResultSuccess;
     }
 
@@ -324,7 +324,7 @@ private:
             }
             ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
         }
-        if (!mIsClosing || mIsEarly || mIsBehindEnd)
+        if (!mIsClosing || mEndsWithMedia || mIsBehindEnd)
         {
             mReport.samplesCut = FitTracksToMedia(mWriter->GetTracks());
         }
@@ -372,8 +372,8 @@ private:
     std::int64_t mContentEnd = 0; //!< Behind the last byte of theirs that is not zero.
     bool mIsStarted = false;
     bool mIsClosing = false;
-    bool mIsEarly = false;     //!< It was closed before its planned end.
-    bool mIsBehindEnd = false; //!< A sample was not whole: those behind it are not either.
+    bool mEndsWithMedia = false; //!< By `CloseMovieWithMedia`.
+    bool mIsBehindEnd = false;   //!< A sample was not whole: those behind it are not either.
 };
 
 bool IsNoSpace(Tolbin::Result inResult)

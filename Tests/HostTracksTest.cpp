@@ -103,7 +103,7 @@ TEST_F(HostTracksTest, TimecodeIsReadAndChecked)
             EXPECT_EQ(number, Host::CountFrames(*timecode, Host::TimecodeFrames(rate)));
         }
     }
-    EXPECT_EQ(2589408, Host::CountFramesOfDay(true, 30));
+    EXPECT_EQ(2589408, Host::CountFrames({24, 0, 0, 0, true}, 30));
 }
 
 TEST_F(HostTracksTest, TextsOverlapAndLeaveGaps)

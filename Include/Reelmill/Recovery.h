@@ -36,10 +36,11 @@ namespace QT
 //! \param inJournalPath  path of the journal; empty: the movie's with ".journal" behind it
 TOLBIN_EXPORT boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath = {});
 
-//! Closes a movie that ends before its planned end, as an interrupted capture does: `Close`, after timecode, text and
-//! captions were cut where picture and sound end and timecode was made to last until then. Takes a writer of
-//! `CreateReelmill` or `CreateJournaledReelmill`; any other is closed as it is. \return what `Close` returns.
-TOLBIN_EXPORT Tolbin::Result CloseMovieEarly(Reelmill& ioMovie);
+//! Closes a movie whose end was not known before, or came early: `Close`, after timecode, text and captions were cut where
+//! picture and sound end, and timecode was made to last until the end of the tracks that refer to it. A host may so give
+//! any duration to the only sample of a timecode track. Takes a writer of `CreateReelmill` or
+//! `CreateJournaledReelmill`; any other is closed as it is. \return what `Close` returns.
+TOLBIN_EXPORT Tolbin::Result CloseMovieWithMedia(Reelmill& ioMovie);
 
 struct RecoveryOptions
 {

@@ -130,7 +130,7 @@ for compiler in g++ clang++; do
         mkdir "$work/pkg-config-$compiler-$static"
         cd "$work/pkg-config-$compiler-$static"
         if [ $static = ON ]; then
-            flags="-static $(pkg-config --static --cflags --libs reelmill)"
+            flags=$(pkg-config --static --cflags --libs reelmill | sed 's/-lreelmill/-l:libreelmill.a/')
         else
             flags="$(pkg-config --cflags --libs reelmill) -Wl,-rpath,$(pkg-config --variable=libdir reelmill)"
         fi
