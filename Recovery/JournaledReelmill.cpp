@@ -311,13 +311,14 @@ private:
         return mJournal.Write();
     }
 
-    //! The writer asks for a description's bytes when it closes the movie: until then a host may change it.
+    //! The writer asks for a description's bytes when it closes the movie: until then a host may change it. One that
+    //! gives no bytes, if only for want of memory, leaves the one before in force.
     void AddChangedDescriptions()
     {
         for (std::size_t track = 0; track < mDescriptions.size(); ++track)
         {
             StoredDescription stored = StoreDescription(*mDescriptions[track].description);
-            if (!(stored == mDescriptions[track].stored))
+            if (!stored.entry.empty() && !(stored == mDescriptions[track].stored))
             {
                 mJournal.Add(JournalDescription{track, stored});
                 mDescriptions[track].stored = std::move(stored);
