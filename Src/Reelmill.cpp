@@ -515,7 +515,12 @@ Tolbin::Result PrivateReelmill::AddTrackReference(TrackID inTrackID, TrackID inR
     {
         return result;
     }
-    track->trackReferences[inReferenceType].push_back(inReferencedTrackID);
+    // Not `operator[]`, which would leave a list of no references behind when memory fails.
+    const auto [references, isNew] = track->trackReferences.try_emplace(inReferenceType, 1, inReferencedTrackID);
+    if (!isNew)
+    {
+        references->second.push_back(inReferencedTrackID);
+    }
     return Tolbin::kResultSuccess;
 }
 
