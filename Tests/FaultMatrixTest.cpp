@@ -631,7 +631,6 @@ class FaultMatrixInFront : public FaultMatrix
 {
 };
 
-//! The host lets go of the writer with the first call that memory fails for.
 TEST_P(FaultMatrixInFront, Memory)
 {
     if (!AllocationLimit::Works())
@@ -639,16 +638,14 @@ TEST_P(FaultMatrixInFront, Memory)
         GTEST_SKIP() << "a memory checker has taken over operator new";
     }
     bool hasStruck = true;
-    for (int number = 1; hasStruck; ++number, ++sFaultPoints)
-    {
-        SCOPED_TRACE("allocation " + std::to_string(number));
+    const auto tryAllocation = [&](int inNumber, Ending inEnding) {
         files.Restore({});
         Take run;
         {
             FaultFileSystem counted(volume, {});
             const Ventra::FileSystemScope scope(counted);
             auto writer = QT::CreateJournaledReelmill();
-            const AllocationFault fault(number);
+            const AllocationFault fault(inNumber);
             for (const Step& step : script)
             {
                 Result result = Tolbin::kResultOutOfMemory;
@@ -661,7 +658,8 @@ TEST_P(FaultMatrixInFront, Memory)
                 }
                 const AllocationFault::Pause pause;
                 run.results.push_back(result);
-                if (result < 0)
+                if ((result < 0 && (inEnding == Ending::AtFailure || step.kind != Step::Sample)) ||
+                    (inEnding == Ending::BeforeClose && run.results.size() == script.size() - 1))
                 {
                     break;
                 }
@@ -669,15 +667,18 @@ TEST_P(FaultMatrixInFront, Memory)
             hasStruck = AllocationFault::HasStruck();
         }
         EXPECT_EQ(files.OpenHandles(), 0u);
-        if (run.results.back() < 0)
+        const bool isClosed = run.results.size() == script.size() && run.results.back() >= 0;
+        isClosed ? ExpectMovie(run.results, everything) : ExpectRecovers(run);
+    };
+    for (const Ending ending : {Ending::AfterAll, Ending::AtFailure, Ending::BeforeClose})
+    {
+        hasStruck = true;
+        for (int number = 1; hasStruck; ++number, ++sFaultPoints)
         {
-            ExpectRecovers(run);
+            SCOPED_TRACE("allocation " + std::to_string(number));
+            tryAllocation(number, ending);
+            ASSERT_FALSE(HasFailure());
         }
-        else
-        {
-            ExpectMovie(run.results, everything);
-        }
-        ASSERT_FALSE(HasFailure());
     }
 }
 
