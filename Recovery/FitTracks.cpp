@@ -7,13 +7,13 @@
 namespace QT
 {
 
-namespace
-{
-
 bool IsMedia(const TrackRec& inTrack)
 {
     return inTrack.mediaType == kQTMediaTypeVideo || inTrack.mediaType == kQTMediaTypeSound;
 }
+
+namespace
+{
 
 //! In media units.
 std::int64_t EndOf(const TrackRec& inTrack)

@@ -265,30 +265,47 @@ private:
         return Tolbin::kResultSuccess;
     }
 
-    //! The latest sample was not revoked: it counts, if it is whole.
+    //! The latest sample was not revoked: it counts, if it is whole. Of several in one record, those in front may be.
     void CommitSample()
     {
         if (!mSample)
         {
             return;
         }
-        const std::int64_t offset = mEnd;
-        const auto count = static_cast<std::uint64_t>(mSample->count);
-        mEnd += mSample->size;
-        if (mSample->zeros != Bits32(mSample->size))
-        {
-            mContentEnd = mEnd - mSample->zeros;
-        }
-        mIsBehindEnd = mIsBehindEnd || mEnd > mLimit || mContentEnd > mMovie.GetContentEnd();
-        (mIsBehindEnd ? mReport.samplesDropped : mReport.samplesKept) += count;
-        if (!mIsBehindEnd)
-        {
-            mWriter->RestoreMediaSample(kFirstTrackID + mSample->track, offset, mSample->size, mSample->count,
-                                        mSample->duration);
-            mReport.bytesKept += Bits32(mSample->size);
-            mKeptEnd = mEnd;
-        }
+        const JournalSample sample = *mSample;
         mSample.reset();
+        const std::int64_t offset = mEnd;
+        mEnd += sample.size;
+        if (sample.zeros != Bits32(sample.size))
+        {
+            mContentEnd = mEnd - sample.zeros;
+        }
+        const bool isWhole = !mIsBehindEnd && mEnd <= mLimit && mContentEnd <= mMovie.GetContentEnd();
+        const std::int64_t room = std::min(mLimit, mMovie.GetContentEnd()) - offset;
+        const std::int32_t whole = isWhole        ? sample.count
+                                   : mIsBehindEnd ? 0
+                                                  : CountWhole(sample, room);
+        mIsBehindEnd = !isWhole;
+        mReport.samplesKept += static_cast<std::uint64_t>(whole);
+        mReport.samplesDropped += static_cast<std::uint64_t>(sample.count - whole);
+        if (isWhole || whole > 0)
+        {
+            const std::int32_t size = isWhole ? sample.size : sample.size / sample.count * whole;
+            mWriter->RestoreMediaSample(kFirstTrackID + sample.track, offset, size, whole, sample.duration);
+            mReport.bytesKept += Bits32(size);
+            mKeptEnd = offset + size;
+        }
+    }
+
+    //! How many samples of a record fit into so many bytes.
+    static std::int32_t CountWhole(const JournalSample& inSample, std::int64_t inRoom)
+    {
+        if (inSample.count < 2 || inSample.size < inSample.count || inSample.size % inSample.count != 0)
+        {
+            return 0;
+        }
+        const std::int64_t count = inRoom / (inSample.size / inSample.count);
+        return static_cast<std::int32_t>(std::clamp<std::int64_t>(count, 0, inSample.count - 1));
     }
 
     Tolbin::Result Finish()
@@ -303,7 +320,7 @@ private:
         {
             return result;
         }
-        if (mReport.samplesKept == 0)
+        if (!HasMedia())
         {
             return kQTErrNothingWhole;
         }
@@ -330,6 +347,19 @@ private:
         }
         mWriter->SetMediaEnd(mKeptEnd);
         return Tolbin::kResultSuccess;
+    }
+
+    //! Whether any sample is there; of picture or sound, where the movie was to have them.
+    bool HasMedia() const
+    {
+        bool isMeantToHave = false;
+        bool has = false;
+        for (const auto& [trackID, track] : mWriter->GetTracks())
+        {
+            isMeantToHave = isMeantToHave || IsMedia(track);
+            has = has || (IsMedia(track) && !track.samples.empty());
+        }
+        return isMeantToHave ? has : mReport.samplesKept > 0;
     }
 
     //! The first place that can be looked at tells whether it is this movie.

@@ -38,11 +38,11 @@ class Recovery : public MovieTest
 protected:
     static constexpr int kSamples = 60;
 
-    //! A sample's bytes: some end in zeros, some are all zero, some are empty.
+    //! A sample's bytes: some end in zeros, some are all zero, some are empty. Those of sound are not ten of one size.
     static std::string SampleOf(int inNumber)
     {
         std::minstd_rand random(static_cast<unsigned>(inNumber) + 1);
-        std::string data(random() % 700, 0);
+        std::string data((random() % 700) | static_cast<unsigned>(inNumber % 2), 0);
         if (inNumber % 11 != 3)
         {
             std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random() % 255 + 1); });
@@ -359,6 +359,46 @@ TEST_F(Recovery, SideTracksEndWithPictureAndSound)
     EXPECT_BYTES(FindAtom(movie, "moov/trak[1]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
     EXPECT_BYTES(FindAtom(movie, "moov/trak[2]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
     EXPECT_BYTES(FindAtom(movie, "moov/trak[3]/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #100 #1 #1860");
+}
+
+//! A block holds a record of sound and the beginning of the next.
+TEST_F(Recovery, RecordsAreKeptInPart)
+{
+    const Quorlan::AudioChannelLayout stereo{Quorlan::kAudioChannelLabelLeft, Quorlan::kAudioChannelLabelRight};
+    for (const bool hasSound : {true, false})
+    {
+        std::filesystem::remove(directory.Path("movie.mov"));
+        std::filesystem::remove(Journal());
+        const auto journaled = QT::CreateJournaledReelmill();
+        ASSERT_EQ(journaled->Create(path, 600), 0);
+        QT::TrackID sound = 0, timecode = 0;
+        ASSERT_EQ(journaled->NewMovieTrack(
+                      QT::kQTMediaTypeSound, 48000, 0, 0,
+                      QT::CreateSoundDescription(0, 2, 48000, Sambrel::kAudioSampleTypeInt16LE, stereo, false), sound),
+                  0);
+        ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
+                                           QT::CreateTimecodeDescription(25, 1, 25, false), timecode),
+                  0);
+        std::string data(8192, 'x');
+        ASSERT_EQ(journaled->AddMediaSample(timecode, data.data(), 92, 1, 25, 0, false), 0);
+        if (hasSound)
+        {
+            ASSERT_EQ(journaled->AddMediaSample(sound, data.data(), 4000, 1000, 1, 0, false), 0);
+        }
+        ASSERT_EQ(journaled->AddMediaSample(sound, data.data(), 4006, hasSound ? 2003 : 1, 1, 0, false), 0);
+        RecoveryReport report;
+        if (hasSound)
+        {
+            ASSERT_EQ(Recover(report), 0);
+            EXPECT_EQ(report.samplesKept, 1u + 1000 + 2) << "the last 4 bytes of the block are 2 samples of 2";
+            EXPECT_EQ(report.samplesDropped, 2001u);
+            EXPECT_EQ(report.movieSize, static_cast<std::uint64_t>(kMediaOffset) + 4096);
+        }
+        else
+        {
+            EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole) << "timecode alone is no movie";
+        }
+    }
 }
 
 TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)

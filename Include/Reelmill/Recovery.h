@@ -78,7 +78,8 @@ struct RecoveryReport
 //! attempt that failed or was interrupted.
 //!
 //! A sample is whole when the file holds all of its bytes; a tail of zeros that the media did not have counts as
-//! missing. As soon as one is not, those behind it are not either. Where the movie ends earlier than its journal,
+//! missing. As soon as one is not, those behind it are not either. Of samples that were added together, and are of one
+//! size, those in front are kept. Where the movie ends earlier than its journal,
 //! timecode, text and captions are cut to the end of picture and sound. The file is cut behind the last whole sample,
 //! unless the journal lost its end: what it does not tell of stays in 'mdat'.
 //!
