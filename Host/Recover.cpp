@@ -46,7 +46,8 @@ bool IsThere(const fs::path& inPath)
 Unfinished FindUnfinished(const fs::path& inMovie)
 {
     const fs::path part = WithSuffix(inMovie, ".part");
-    const bool isOwn = IsThere(WithSuffix(inMovie, ".journal")) || !IsThere(WithSuffix(part, ".journal"));
+    const bool hasPart = IsThere(WithSuffix(part, ".journal")) || (!IsThere(inMovie) && IsThere(part));
+    const bool isOwn = IsThere(WithSuffix(inMovie, ".journal")) || !hasPart;
     const fs::path movie = isOwn ? inMovie : part;
     return {movie, WithSuffix(movie, ".journal"), isOwn || IsThere(inMovie) ? movie : inMovie};
 }
@@ -62,6 +63,14 @@ bool IsWhole(const fs::path& inMovie)
     {
         return false; // Whatever the reason, there is nothing to recover it from.
     }
+}
+
+//! Gives a finished movie the name that it is to have, and returns the name that it has.
+fs::path GiveName(const Unfinished& inFound)
+{
+    std::error_code error;
+    fs::rename(inFound.movie, inFound.target, error);
+    return error ? inFound.movie : inFound.target; // It is finished under either.
 }
 
 [[noreturn]] void Fail(const Unfinished& inFound, Tolbin::Result inResult)
@@ -164,13 +173,15 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
                                            "put the journal there",
                                            found.movie.string(), found.journal.string()));
         }
+        const bool keepsName = inOptions.dryRun || !inOptions.output.empty();
+        const std::string name = (keepsName ? found.movie : GiveName(found)).string();
         if (inOptions.json)
         {
-            out << Json{{"movie", found.movie.string()}, {"isWhole", true}}.dump(2) << '\n';
+            out << Json{{"movie", name}, {"isWhole", true}}.dump(2) << '\n';
         }
         else
         {
-            out << fmt::format("{}: is whole, there is nothing to recover\n", found.movie.string());
+            out << fmt::format("{}: is whole, there is nothing to recover\n", name);
         }
         return;
     }
@@ -191,14 +202,7 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
     if (inOptions.output.empty() || inOptions.dryRun)
     {
         recover(found.movie);
-        fs::path name = found.movie;
-        if (!inOptions.dryRun && found.target != found.movie)
-        {
-            std::error_code error;
-            fs::rename(found.movie, found.target, error);
-            name = error ? found.movie : found.target; // It is finished under either.
-        }
-        Print(inOptions, name, report, out);
+        Print(inOptions, inOptions.dryRun ? found.movie : GiveName(found), report, out);
         return;
     }
     OutputFile output(inOptions.output, inOptions.overwrite, {found.movie.string(), found.journal.string()});
