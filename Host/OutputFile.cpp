@@ -166,11 +166,11 @@ void OutputFile::Commit()
     // A hard link fails where a file of that name exists, which a rename does not; not every file system has them.
     else if (::link(mPart.c_str(), mTarget.c_str()) == 0)
     {
-        if (::unlink(mPart.c_str()) != 0)
+        const fs::path part = Keep();
+        if (::unlink(part.c_str()) != 0)
         {
-            FailSystem(mPart, "removed", errno, "the output is complete, so remove this file yourself");
+            FailSystem(part, "removed", errno, "the output is complete, so remove this file yourself");
         }
-        mPart.clear();
         return;
     }
     else if (errno == EEXIST || ::access(mTarget.c_str(), F_OK) == 0)

@@ -866,8 +866,19 @@ WrapSummary Wrapper::Run()
     {
         KeepEarly(output, error);
     }
-    WrapSummary summary = Summarise(ReadMovieLayout(part, mOptions.output), part);
-    output.Commit();
+    WrapSummary summary;
+    try
+    {
+        summary = Summarise(ReadMovieLayout(part, mOptions.output), part);
+        output.Commit();
+    }
+    catch (const CommandError& error)
+    {
+        const std::filesystem::path kept = output.Keep(); // It is closed.
+        throw CommandError(ExitCode::kIOFailed,
+                           kept.empty() ? std::string(error.what())
+                                        : fmt::format("{}; what was written is in \"{}\"", error.what(), kept.string()));
+    }
     mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);
     return summary;
 }
