@@ -233,6 +233,25 @@ class Reference:
                         return offset + next(i for i in range(len(one)) if one[i] != two[i])
                 return end
 
+    def has_media(self, end):
+        """Whether any sample of picture or sound lies in front of an offset."""
+        return any(tag not in SIDES for tag in self.expect(end))
+
+    def kept_end(self, end):
+        """Where the last sample of picture or sound ends that lies in front of an offset."""
+        return max((stream.rows[-1][3] + stream.rows[-1][2] for tag, stream in self.expect(end).items()
+                    if tag not in SIDES), default=0)
+
+    def known_end(self, path, end):
+        """Where a file that ends in zeros ends for certain: whether silence was on disk, nobody can tell."""
+        in_sound = any(row[3] <= end < row[3] + row[2] for tag in PCM if tag in self.streams
+                       for row in self.streams[tag].rows)
+        if not in_sound:
+            return end
+        with open(path, "rb") as file:
+            file.seek(MEDIA_OFFSET)
+            return min(end, MEDIA_OFFSET + len(file.read().rstrip(b"\0")))
+
     def expect(self, end):
         """The streams as they are when the media up to an offset is there, without those that have nothing."""
         streams = {}
@@ -259,18 +278,28 @@ class Reference:
                 fit(streams[tag], round((last or seconds) * streams[tag].scale))
         return {tag: stream for tag, stream in streams.items() if stream.rows}
 
-    def check(self, path, least=None, exactly=None):
+    def check(self, path, least=None, exactly=None, early=False):
         """Holds a movie against the uninterrupted one.
 
         least: whatever lies in front of this offset was on disk, and must be in the movie
         exactly: and no more
+        early: the movie was closed before its end, so that its last captions lie elsewhere
         Returns the offset up to which the media is in the movie.
         """
         unused = verify(path)
         found = self._read(path)
-        ends = [row[3] + row[2] for tag, stream in found.items() if tag not in SIDES for row in stream.rows]
+        ends = [row[3] + row[2] for tag, stream in found.items() if tag != "c608" or not early for row in stream.rows]
         end = exactly if exactly is not None else max(ends, default=0)
         expected = self.expect(end)
+        if early and "c608" in self.streams and end < self.end:
+            captions = Stream("c608", self.streams["c608"].scale)
+            captions.rows = self.streams["c608"].rows
+            seconds = media_seconds({"raw ": expected["raw "]}) if "raw " in expected else 0
+            fit(captions, round(seconds * captions.scale))
+            if captions.rows:
+                expected["c608"] = captions
+                for stream in (captions, found.get("c608", captions)):
+                    stream.rows = [(*row[:3], 0, row[4]) for row in stream.rows]
         if least is not None:
             for tag, stream in self.expect(least).items():
                 if tag not in SIDES and (tag not in found or found[tag].count() < stream.count()):

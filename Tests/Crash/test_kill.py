@@ -38,8 +38,7 @@ class Kill(CrashTest):
                 trace(scene.wrap_command(self.reference), scene, [f"{call.name}:signal=KILL:when={call.ordinal}"])
                 came_of_it = self.settle(scene)
                 count(f"SIGKILL of wrap in {call.name}: {came_of_it}")
-            with self.subTest(call=f"{call.name} {call.ordinal}"):
-                self.rounds(1, once)
+            self.rounds(1, once, name=f"{call.name} {call.ordinal} {call.text}")
 
     @staticmethod
     def calls(make_command):
