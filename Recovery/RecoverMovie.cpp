@@ -339,11 +339,14 @@ private:
             {
                 track.samples.clear(); // The writer would not close the movie.
             }
-            ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
         }
         if (!mIsClosing || mEndsWithMedia || mIsBehindEnd)
         {
             mReport.samplesCut = FitTracksToMedia(mWriter->GetTracks());
+        }
+        for (const auto& [trackID, track] : mWriter->GetTracks())
+        {
+            ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
         }
         mWriter->SetMediaEnd(mKeptEnd);
         return Tolbin::kResultSuccess;
@@ -457,7 +460,6 @@ Tolbin::Result TryToRecover(const Tolbin::UTF16String& inMovie, const Tolbin::UT
     }
     PrivateReelmill& writer = replay.GetWriter();
     outReport.movieTimeScale = writer.GetStart().movieTimeScale;
-    outReport.movieDuration = writer.GetMovieDuration();
     {
         Tolbin::utility::BinaryDataArray movieAtom;
         result = writer.MakeMooVAtom(movieAtom);
@@ -465,6 +467,7 @@ Tolbin::Result TryToRecover(const Tolbin::UTF16String& inMovie, const Tolbin::UT
         {
             return result;
         }
+        outReport.movieDuration = writer.GetMovieDuration(); // Without the tracks that were dropped.
         outReport.movieAtomSize = movieAtom.size();
     }
     outReport.isMovieAtomInFront = writer.FitsPlaceholder(outReport.movieAtomSize);

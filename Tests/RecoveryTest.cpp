@@ -401,6 +401,30 @@ TEST_F(Recovery, RecordsAreKeptInPart)
     }
 }
 
+//! One of the tracks cannot be finished, one begins behind the end of picture and sound.
+TEST_F(Recovery, ReportTellsOfTheTracksThatAreLeft)
+{
+    const auto journaled = QT::CreateJournaledReelmill();
+    ASSERT_EQ(journaled->Create(path, 100), 0);
+    QT::TrackID video = 0, undescribed = 0, late = 0;
+    const auto endless = MakeVideo();
+    endless->SetExtraPaddingAmount(~0ul); // Never to be had.
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, endless, undescribed), 0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeText, 25, 0, 0, QT::CreateTextDescription(), late), 0);
+    ASSERT_EQ(journaled->SetTrackTrimIn(late, 1000), 0);
+    std::string data(2048, 'x');
+    ASSERT_EQ(journaled->AddMediaSample(undescribed, data.data(), 1024, 1, 500, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(late, data.data(), 1024, 1, 1, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 2048, 1, 50, 0, false), 0);
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_EQ(report.tracksKept, 1);
+    EXPECT_EQ(report.tracksDropped, 2);
+    EXPECT_EQ(report.movieDuration, 200);
+    EXPECT_EQ(Big32(FindAtom(Movie(), "moov/mvhd"), 24), 200u);
+}
+
 TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
 {
     const auto journaled = QT::CreateJournaledReelmill();
