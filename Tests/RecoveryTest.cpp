@@ -289,6 +289,26 @@ TEST_F(Recovery, CanBeRunAgainAndDry)
     EXPECT_SAME_BYTES(Movie(), recovered);
 }
 
+//! As the test before, but 'moov' has no room in front: it follows the media, where the samples were that are missing.
+TEST_F(Recovery, CanBeRunAgainWhereTheMovieAtomIsBehind)
+{
+    const auto journaled = QT::CreateJournaledReelmill();
+    Play(*journaled, kSamples);
+    std::string item(1 << 20, 'x');
+    ASSERT_EQ(journaled->AddUserData(Code("free"), item.data(), 1 << 20), 0);
+    RecoveryReport first;
+    RecoveryOptions options;
+    options.keepJournal = true;
+    ASSERT_EQ(Recover(first, options), 0);
+    EXPECT_FALSE(first.isMovieAtomInFront);
+    EXPECT_GT(first.samplesDropped, 0u);
+    const BinaryDataArray recovered = Movie();
+    RecoveryReport second;
+    ASSERT_EQ(Recover(second, options), 0);
+    EXPECT_EQ(second.samplesKept, first.samplesKept);
+    EXPECT_SAME_BYTES(Movie(), recovered);
+}
+
 TEST_F(Recovery, RefusesTheJournalOfAnotherMovie)
 {
     Abandon(kSamples);
