@@ -21,39 +21,42 @@ std::int64_t EndOf(const TrackRec& inTrack)
     return inTrack.samples.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
 }
 
-void SetLastDuration(TrackRec& ioTrack, std::int64_t inDuration)
+//! Lets the last sample last longer, or less long. The sums fit their fields.
+void Lengthen(TrackRec& ioTrack, std::int64_t inBy)
 {
     MediaSampleRec& last = ioTrack.samples.back();
-    ioTrack.duration -= last.sampleDuration;
-    last.sampleDuration = static_cast<std::int32_t>(inDuration); // Ends where another track does.
-    ioTrack.duration += last.sampleDuration;
+    last.sampleDuration = static_cast<std::int32_t>(last.sampleDuration + inBy);
+    ioTrack.duration = static_cast<std::int32_t>(ioTrack.duration + inBy);
 }
 
-//! Returns how many samples were left out.
+//! Leaves alone what is no track of its kind: samples of several at once, durations beyond their field. Returns how many
+//! samples were left out.
 std::uint64_t FitTrack(TrackRec& ioTrack, std::int64_t inEnd)
 {
     std::uint64_t count = 0;
     while (EndOf(ioTrack) > inEnd)
     {
         const MediaSampleRec& last = ioTrack.samples.back();
-        const std::int64_t start = EndOf(ioTrack) - last.sampleDuration;
+        const std::int64_t excess = EndOf(ioTrack) - inEnd;
         if (last.sampleCount != 1 || last.sampleDuration <= 0)
         {
-            return count; // No such track as it says to be.
+            return count;
         }
-        if (start < inEnd)
+        if (excess < last.sampleDuration)
         {
-            SetLastDuration(ioTrack, inEnd - start);
+            Lengthen(ioTrack, -excess);
             break;
         }
         ioTrack.duration -= last.sampleDuration;
         ioTrack.samples.pop_back();
         ++count;
     }
-    const bool isTimecode = ioTrack.mediaType == kQTMediaTypeTimecode && !ioTrack.samples.empty();
-    if (isTimecode && EndOf(ioTrack) < inEnd && ioTrack.samples.back().sampleCount == 1)
+    const std::int64_t missing = inEnd - EndOf(ioTrack);
+    if (ioTrack.mediaType == kQTMediaTypeTimecode && !ioTrack.samples.empty() && missing > 0 &&
+        ioTrack.samples.back().sampleCount == 1 &&
+        ioTrack.samples.back().sampleDuration + missing <= std::numeric_limits<std::int32_t>::max())
     {
-        SetLastDuration(ioTrack, ioTrack.samples.back().sampleDuration + inEnd - EndOf(ioTrack));
+        Lengthen(ioTrack, missing);
     }
     return count;
 }

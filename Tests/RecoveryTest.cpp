@@ -421,6 +421,26 @@ TEST_F(Recovery, RecordsAreKeptInPart)
     }
 }
 
+//! A duration beyond its field is the host's fault, which recovery must not add to.
+TEST_F(Recovery, TimecodeWhoseDurationHasWrappedIsLeftAlone)
+{
+    const ReportCapture reports;
+    const auto journaled = QT::CreateJournaledReelmill();
+    ASSERT_EQ(journaled->Create(path, 100), 0);
+    QT::TrackID video = 0, timecode = 0;
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
+                                       QT::CreateTimecodeDescription(25, 1, 25, false), timecode),
+              0);
+    std::string data(4096, 'x');
+    ASSERT_EQ(journaled->AddMediaSample(timecode, data.data(), 4, 1, 0x7FFFFFFF, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(timecode, data.data(), 4, 1, 100, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 4088, 1, 50, 0, false), 0);
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_BYTES(FindAtom(Movie(), "moov/trak[1]/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #2147483647 #1 #100");
+}
+
 //! One of the tracks cannot be finished, one begins behind the end of picture and sound.
 TEST_F(Recovery, ReportTellsOfTheTracksThatAreLeft)
 {
