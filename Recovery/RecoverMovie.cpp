@@ -67,6 +67,8 @@ public:
     }
 
     //! Offset at which the media ends as 'mdat' says; the end of the file where it was not told yet.
+    //!
+    //! \return 0; an error of the system; `kQTErrOtherMovie` where there is no 'mdat' in front of the media.
     Tolbin::Result GetMediaEnd(const MovieStart& inStart, std::int64_t& outEnd)
     {
         const std::int64_t wideOffset = inStart.GetMediaDataOffset() - std::int64_t{sizeof(qtn_MediaDataHeader64)};
@@ -77,6 +79,11 @@ public:
         if (result < 0 || !isWhole)
         {
             return result;
+        }
+        if ((words[0] != std::uint32_t{kAtomHeaderSize} && words[0] != 1) ||
+            (words[1] != FourCC("wide") && words[1] != FourCC("mdat")))
+        {
+            return kQTErrOtherMovie;
         }
         // What was being written when an earlier attempt ended tells nothing.
         const bool isLarge = words[0] == 1 && words[1] == FourCC("mdat") && words[3] != FourCC("mdat");

@@ -1,3 +1,4 @@
+#include "JournalWriter.h"
 #include "Support/FailingFileSystem.h"
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 
 using QT::RecoverMovie;
@@ -127,6 +129,27 @@ protected:
     Result Recover(RecoveryReport& outReport, const RecoveryOptions& inOptions = {})
     {
         return RecoverMovie(path, outReport, inOptions);
+    }
+
+    //! Recovers the movie by another journal, and requires that what is refused is left alone.
+    Result RecoverBy(const std::function<void(QT::JournalWriter&)>& inWrite)
+    {
+        const BinaryDataArray found = Movie();
+        std::filesystem::remove(Journal());
+        QT::JournalWriter journal;
+        EXPECT_EQ(journal.Create(path + u".journal"), 0);
+        inWrite(journal);
+        EXPECT_EQ(journal.Write(), 0);
+        EXPECT_EQ(journal.Close(), 0);
+        RecoveryReport report;
+        RecoveryOptions options;
+        options.keepJournal = true;
+        const Result result = Recover(report, options);
+        if (result < 0)
+        {
+            EXPECT_SAME_BYTES(Movie(), found);
+        }
+        return result;
     }
 
     //! All samples count for one in video, for ten in sound.
@@ -333,6 +356,23 @@ TEST_F(Recovery, RefusesTheJournalOfAnotherMovie)
     options.journalPath = path;
     EXPECT_EQ(Recover(report, options), QT::kQTErrBadJournal);
     EXPECT_TRUE(std::filesystem::exists(directory.Path("kept")));
+}
+
+//! Checksums do not help where it is the program that was wrong, or the journal that was made up.
+TEST_F(Recovery, RefusesJournalsThatNoWriterMakes)
+{
+    const ReportCapture reports;
+    Abandon(kSamples);
+    const QT::JournalMovie movie{600, kPlaceholderSize, 0};
+    const QT::JournalTrack track{QT::kQTMediaTypeVideo, 25, 64, 48, QT::StoreDescription(*MakeVideo())};
+    const QT::JournalSample sample{0, 100, 1, 1, 0};
+    EXPECT_EQ(RecoverBy([&](QT::JournalWriter& ioJournal) {
+                  ioJournal.Add(QT::JournalMovie{movie.timeScale, kPlaceholderSize / 2, 0});
+                  ioJournal.AddTrack(track);
+                  ioJournal.AddSample(sample);
+              }),
+              QT::kQTErrOtherMovie)
+        << "no media where it should begin";
 }
 
 TEST_F(Recovery, UnfinishedMovieIsNotWrittenOver)
