@@ -153,6 +153,10 @@ public:
                 break;
             }
             result = std::visit([this](auto& ioRecord) { return Take(ioRecord); }, *record);
+            if (result == kQTErrBadState || result == kQTErrUnknownMediaType)
+            {
+                result = kQTErrBadJournal; // No writer has been told this.
+            }
         }
         mReport.journalBytesTorn = result >= 0 ? journal.GetTornSize() : 0;
         return result >= 0 ? Finish() : result;

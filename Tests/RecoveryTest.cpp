@@ -373,6 +373,20 @@ TEST_F(Recovery, RefusesJournalsThatNoWriterMakes)
               }),
               QT::kQTErrOtherMovie)
         << "no media where it should begin";
+    EXPECT_EQ(RecoverBy([&](QT::JournalWriter& ioJournal) {
+                  ioJournal.AddTrack(track);
+                  ioJournal.Add(movie);
+                  ioJournal.AddSample(sample);
+              }),
+              QT::kQTErrBadJournal)
+        << "a track before the movie";
+    EXPECT_EQ(RecoverBy([&](QT::JournalWriter& ioJournal) {
+                  ioJournal.Add(movie);
+                  ioJournal.AddTrack({1, 25, 64, 48, track.description});
+                  ioJournal.AddSample(sample);
+              }),
+              QT::kQTErrBadJournal)
+        << "an unknown media type";
 }
 
 TEST_F(Recovery, UnfinishedMovieIsNotWrittenOver)
