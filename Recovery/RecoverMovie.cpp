@@ -344,6 +344,10 @@ private:
         }
         for (auto& [trackID, track] : mWriter->GetTracks())
         {
+            if (ListsTooMany(track))
+            {
+                return kQTErrBadJournal;
+            }
             Tolbin::utility::BinaryDataArray entry;
             track.sampleDescription->GetAsBinary(entry);
             if (entry.empty())
@@ -374,6 +378,21 @@ private:
             has = has || (IsMedia(track) && !track.samples.empty());
         }
         return isMeantToHave ? has : mReport.samplesKept > 0;
+    }
+
+    //! Whether a track lists so many samples without bytes beside others that no movie of this size can mean them.
+    //! Their sizes would take memory without end.
+    bool ListsTooMany(const TrackRec& inTrack) const
+    {
+        std::int64_t emptyCount = 0;
+        bool hasOthers = false;
+        for (const MediaSampleRec& record : inTrack.samples)
+        {
+            const bool isEmpty = record.dataSize < record.sampleCount;
+            emptyCount += isEmpty ? record.sampleCount : 0;
+            hasOthers = hasOthers || (!isEmpty && record.sampleCount > 0);
+        }
+        return hasOthers && emptyCount / 16 > mMovie.GetSize();
     }
 
     //! The first place that can be looked at tells whether it is this movie.

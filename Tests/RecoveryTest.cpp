@@ -387,6 +387,14 @@ TEST_F(Recovery, RefusesJournalsThatNoWriterMakes)
               }),
               QT::kQTErrBadJournal)
         << "an unknown media type";
+    EXPECT_EQ(RecoverBy([&](QT::JournalWriter& ioJournal) {
+                  ioJournal.Add(movie);
+                  ioJournal.AddTrack(track);
+                  ioJournal.AddSample(sample);
+                  ioJournal.AddSample({0, 0, 1 << 28, 1, 0});
+              }),
+              QT::kQTErrBadJournal)
+        << "a table of 1 GiB";
 }
 
 TEST_F(Recovery, UnfinishedMovieIsNotWrittenOver)
