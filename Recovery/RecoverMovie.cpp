@@ -22,7 +22,8 @@ namespace
 {
 
 constexpr TrackID kFirstTrackID = 256;
-constexpr std::int64_t kSpareSpace = 64 * 1024; //!< Left out beside the size of 'moov' when there is no room for it.
+constexpr std::int64_t kLastTime = 253402300799; //!< Of the year 9999, in seconds since 1970.
+constexpr std::int64_t kSpareSpace = 64 * 1024;  //!< Left out beside the size of 'moov' when there is no room for it.
 
 Tolbin::Result OpenFile(Ventra::File& ioFile, const Tolbin::UTF16String& inPath, Ventra::FileAccessFlags::Type inAccess)
 {
@@ -175,7 +176,8 @@ private:
             return kQTErrBadJournal;
         }
         mIsStarted = true;
-        const MovieStart start{inMovie.timeScale, inMovie.placeholderSize, inMovie.creationTime};
+        const MovieStart start{inMovie.timeScale, inMovie.placeholderSize,
+                               std::clamp(inMovie.creationTime, std::int64_t{0}, kLastTime)};
         mEnd = mKeptEnd = mContentEnd = start.GetMediaDataOffset();
         mWriter->Resume(start);
         qtn_FileTypeAtom found;
@@ -293,9 +295,7 @@ private:
         }
         const bool isWhole = !mIsBehindEnd && mEnd <= mLimit && mContentEnd <= mMovie.GetContentEnd();
         const std::int64_t room = std::min(mLimit, mMovie.GetContentEnd()) - offset;
-        const std::int32_t whole = isWhole        ? sample.count
-                                   : mIsBehindEnd ? 0
-                                                  : CountWhole(sample, room);
+        const std::int32_t whole = isWhole ? sample.count : mIsBehindEnd ? 0 : CountWhole(sample, room);
         mIsBehindEnd = !isWhole;
         mReport.samplesKept += static_cast<std::uint64_t>(whole);
         mReport.samplesDropped += static_cast<std::uint64_t>(sample.count - whole);

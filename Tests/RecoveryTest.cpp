@@ -395,6 +395,13 @@ TEST_F(Recovery, RefusesJournalsThatNoWriterMakes)
               }),
               QT::kQTErrBadJournal)
         << "a table of 1 GiB";
+    EXPECT_EQ(RecoverBy([&](QT::JournalWriter& ioJournal) {
+                  ioJournal.Add(QT::JournalMovie{600, kPlaceholderSize, std::int64_t{1} << 55});
+                  ioJournal.AddTrack(track);
+                  ioJournal.AddSample(sample);
+              }),
+              0)
+        << "created in the year 1 141 709 097, whose calendar takes long";
 }
 
 TEST_F(Recovery, UnfinishedMovieIsNotWrittenOver)
