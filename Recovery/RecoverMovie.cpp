@@ -81,11 +81,6 @@ public:
         {
             return result;
         }
-        if ((words[0] != std::uint32_t{kAtomHeaderSize} && words[0] != 1) ||
-            (words[1] != FourCC("wide") && words[1] != FourCC("mdat")))
-        {
-            return kQTErrOtherMovie;
-        }
         // What was being written when an earlier attempt ended tells nothing.
         const bool isLarge = words[0] == 1 && words[1] == FourCC("mdat") && words[3] != FourCC("mdat");
         const bool isSmall = words[0] == kAtomHeaderSize && words[1] == FourCC("wide") && words[3] == FourCC("mdat");
@@ -344,10 +339,6 @@ private:
         }
         for (auto& [trackID, track] : mWriter->GetTracks())
         {
-            if (ListsTooMany(track))
-            {
-                return kQTErrBadJournal;
-            }
             Tolbin::utility::BinaryDataArray entry;
             track.sampleDescription->GetAsBinary(entry);
             if (entry.empty())
@@ -361,6 +352,10 @@ private:
         }
         for (const auto& [trackID, track] : mWriter->GetTracks())
         {
+            if (ListsTooMany(track))
+            {
+                return kQTErrTooLarge;
+            }
             ++(track.samples.empty() ? mReport.tracksDropped : mReport.tracksKept);
         }
         mWriter->SetMediaEnd(mKeptEnd);

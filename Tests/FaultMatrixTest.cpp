@@ -423,6 +423,9 @@ protected:
                   0);
         const qtn_FileTypeAtom head;
         ASSERT_EQ(movie.Write(&head, sizeof(head), written), 0);
+        const BinaryDataArray media = Bytes("#8 'wide' #8 'mdat'");
+        ASSERT_EQ(movie.SetFilePointer(inPlaceholderSize + 32, Ventra::FilePointerMoveMethod::kBegin), 0);
+        ASSERT_EQ(movie.Write(media.data(), 16, written), 0);
         std::int64_t end = inPlaceholderSize + 48;
         for (int i = 1; i <= inCount; ++i)
         {
