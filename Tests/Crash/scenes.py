@@ -23,10 +23,6 @@ READING = ("openat", "pread64", "read", "close", "newfstatat", "fstat", "statx",
            "faccessat2", "readlink", "lseek", "fcntl")
 
 
-class Interrupted(Exception):
-    """The wrap ended as it was asked to."""
-
-
 class CrashTest(unittest.TestCase):
     """A test in rounds: each has a scene and random numbers of its own, and the others go on when one fails."""
 
@@ -54,7 +50,7 @@ class CrashTest(unittest.TestCase):
 
     # ---- The way out
 
-    def settle(self, scene, least=None, exact=True, reference=None, arguments=(), path=None, beside=False):
+    def settle(self, scene, least=None, exact=True, path=None, beside=False):
         """Recovers what an interrupted wrap left, and holds it against the uninterrupted movie.
 
         least: what lies in front of this offset is known to have been written
@@ -62,7 +58,7 @@ class CrashTest(unittest.TestCase):
         beside: the movie that it was to replace is there too
         Returns a word for what came of it.
         """
-        reference = reference or self.reference
+        reference = self.reference
         least = min(least, reference.end) if least is not None else None  # A 'moov' may lie behind.
         before = scene.state()
         if scene.part.exists() and scene.out.exists() and scene.part.samefile(scene.out):
@@ -73,12 +69,12 @@ class CrashTest(unittest.TestCase):
             if not scene.out.exists():
                 self.assertEqual(scene.names(), [], "there is no movie")
                 self.assertFalse(reference.has_media(least or 0), "media was written, and is gone")
-                self.assertEqual(scene.recover(*arguments).code, 2)
+                self.assertEqual(scene.recover().code, 2)
                 self.assertEqual(scene.names(), [])
                 return "nothing"
             self.assertEqual(scene.names(), ["out.mov"])
             end = reference.check(scene.out, least=least)
-            again = scene.recover(*arguments)
+            again = scene.recover()
             self.assertEqual(again.code, 0, again)
             self.assertEqual(scene.state(), before, "a whole movie was changed")
             return "complete" if end == reference.end else "closed"
@@ -88,7 +84,7 @@ class CrashTest(unittest.TestCase):
         if least is not None:
             self.assertGreaterEqual(reference.kept_end(end), reference.kept_end(least),
                                     "media that was written is not in the file")
-        done = scene.recover(*arguments, path=path)
+        done = scene.recover(path=path)
         if done.code == 2:
             self.assertTrue(done.err.count("\n") == 1 and "out.mov" in done.err, done)
             self.assertEqual(scene.state(), before, "it refused, and changed something")
@@ -107,7 +103,7 @@ class CrashTest(unittest.TestCase):
             kept = reference.check(result)
             self.assertLessEqual(kept, end)
         after = scene.state()
-        again = scene.recover(*arguments, path=result)
+        again = scene.recover(path=result)
         self.assertEqual(again.code, 0, f"the second time: {again}")
         self.assertEqual(scene.state(), after, "the second recovery changed something")
         return "whole" if end == reference.end else "recovered"
