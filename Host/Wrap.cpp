@@ -875,9 +875,9 @@ WrapSummary Wrapper::Run()
     catch (const CommandError& error)
     {
         const std::filesystem::path kept = output.Keep(); // It is closed.
-        throw CommandError(ExitCode::kIOFailed,
-                           kept.empty() ? std::string(error.what())
-                                        : fmt::format("{}; what was written is in \"{}\"", error.what(), kept.string()));
+        throw CommandError(ExitCode::kIOFailed, kept.empty() ? std::string(error.what())
+                                                             : fmt::format("{}; what was written is in \"{}\"",
+                                                                           error.what(), kept.string()));
     }
     mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);
     return summary;

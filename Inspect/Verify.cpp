@@ -716,9 +716,8 @@ private:
         for (const Track& track : mMovie.GetTracks())
         {
             const auto found = track.references.find(FourCC("tmcd"));
-            const bool isUser = found != track.references.end() &&
-                                std::find(found->second.begin(), found->second.end(), inTimecode.id) !=
-                                    found->second.end();
+            const bool isUser = found != track.references.end() && std::find(found->second.begin(), found->second.end(),
+                                                                             inTimecode.id) != found->second.end();
             longest = isUser ? std::max(longest, track.duration) : longest;
         }
         const bool isShort = Less(inUser.duration, inTimecode.duration) > tolerance;
