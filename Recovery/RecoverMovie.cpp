@@ -68,8 +68,6 @@ public:
     }
 
     //! Offset at which the media ends as 'mdat' says; the end of the file where it was not told yet.
-    //!
-    //! \return 0; an error of the system; `kQTErrOtherMovie` where there is no 'mdat' in front of the media.
     Tolbin::Result GetMediaEnd(const MovieStart& inStart, std::int64_t& outEnd)
     {
         const std::int64_t wideOffset = inStart.GetMediaDataOffset() - std::int64_t{sizeof(qtn_MediaDataHeader64)};
