@@ -23,7 +23,8 @@ namespace QT
 //!
 //! The calls give the results of `Reelmill`, and besides:
 //! - `Create`: EEXIST (as an error of the system) when the journal exists: an unfinished movie's, to be recovered or
-//!   removed first; nothing is touched then. An error of the system when the journal cannot be written.
+//!   removed first; nothing is touched then. An error of the system or `kResultShortWrite` when the journal cannot be
+//!   written.
 //! - `AddMediaSample`, `AddTextMediaSample`: an error of the system when the journal cannot be written; the samples are
 //!   not part of the movie then, and adding them again is a new attempt. After a failed write of media, its result
 //!   again.
