@@ -1,17 +1,19 @@
 """A movie to be interrupted, and what must be left of it.
 
-The oracle is an uninterrupted wrap of the same input as ffprobe sees it: where every packet lies, and what it holds. How
-much of that was on disk when something went wrong shows in the file that was left.
+The oracle is an uninterrupted wrap of the same input as ffprobe sees it: where every packet lies, and what it holds.
+How much of that was on disk when something went wrong shows in the file that was left.
 """
 
 import hashlib
 import json
+import math
 import mmap
 import os
 import shutil
 import subprocess
 import tempfile
 from collections import Counter
+from fractions import Fraction
 from pathlib import Path
 
 MEDIA_OFFSET = 1 << 20  # of the first sample, on volumes with blocks of up to 1 MiB
@@ -275,7 +277,7 @@ class Reference:
         for tag in SIDES:
             if tag in streams and seconds > 0 and end < self.end:
                 last = media_seconds({t: s for t, s in streams.items() if t not in PCM}) if tag == "tmcd" else seconds
-                fit(streams[tag], round((last or seconds) * streams[tag].scale))
+                fit(streams[tag], nearest((last or seconds) * streams[tag].scale))
         return {tag: stream for tag, stream in streams.items() if stream.rows}
 
     def check(self, path, least=None, exactly=None, early=False):
@@ -295,7 +297,7 @@ class Reference:
             captions = Stream("c608", self.streams["c608"].scale)
             captions.rows = self.streams["c608"].rows
             seconds = media_seconds({"raw ": expected["raw "]}) if "raw " in expected else 0
-            fit(captions, round(seconds * captions.scale))
+            fit(captions, nearest(seconds * captions.scale))
             if captions.rows:
                 expected["c608"] = captions
                 for stream in (captions, found.get("c608", captions)):
@@ -336,9 +338,14 @@ class Reference:
             raise AssertionError(f"the chapters are {found}, and should be {chapters}")
 
 
+def nearest(number):
+    """Halves go up."""
+    return math.floor(number + Fraction(1, 2))
+
+
 def media_seconds(streams):
     """Where picture and sound end."""
-    return max(((stream.rows[-1][0] + stream.rows[-1][1]) / stream.scale
+    return max((Fraction(stream.rows[-1][0] + stream.rows[-1][1], stream.scale)
                 for tag, stream in streams.items() if tag not in SIDES and stream.rows), default=0)
 
 

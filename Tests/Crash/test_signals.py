@@ -65,7 +65,7 @@ class Signals(CrashTest):
                 count(f"{number.name} twice: {self.check_closed(scene, done)}")
                 return
             self.assertEqual(done.code, -number, done)
-            count(f"{number.name} twice: {self.settle(scene)}")
+            count(f"{number.name} twice: {self.settle(scene, early=True)}")
 
         self.rounds(ROUNDS, once)
 

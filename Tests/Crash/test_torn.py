@@ -14,21 +14,23 @@ class Torn(CrashTest):
     @classmethod
     def setUpClass(cls):
         cls.reference = movies.reference()
-        cls.killed = movies.Scene()
+        cls.killed, cls.closing = movies.Scene(), movies.Scene()
         done, calls = trace(cls.killed.wrap_command(cls.reference), cls.killed, names=("pwrite64",))
         assert done.code == 0, done
         cls.killed.out.unlink()
         blocks = [call for call in calls if "out.mov.part>" in call.text and call.written()[0] >= movies.MEDIA_OFFSET]
-        trace(cls.killed.wrap_command(cls.reference), cls.killed,
-              [f"pwrite64:signal=KILL:when={blocks[-1].ordinal}"])
-        assert cls.killed.names() == ["out.mov.part", "out.mov.part.journal"], cls.killed.names()
+        # Before the last block is written, and when all of the media is there.
+        for scene, ordinal in ((cls.killed, blocks[-1].ordinal), (cls.closing, blocks[-1].ordinal + 1)):
+            trace(scene.wrap_command(cls.reference), scene, [f"pwrite64:signal=KILL:when={ordinal}"])
+            assert scene.names() == ["out.mov.part", "out.mov.part.journal"], scene.names()
 
     @classmethod
     def tearDownClass(cls):
         cls.killed.clear()
+        cls.closing.clear()
 
-    def copy(self, scene):
-        for path in self.killed.folder.iterdir():
+    def copy(self, scene, origin=None):
+        for path in (origin or self.killed).folder.iterdir():
             shutil.copy(path, scene.folder / path.name)
 
     def cut_place(self, random, size):
@@ -89,7 +91,7 @@ class Torn(CrashTest):
     def test_longer_movie(self):
         """Something stands behind the media that the journal tells of."""
         def once(scene, random):
-            self.copy(scene)
+            self.copy(scene, self.closing)
             with open(scene.part, "ab") as file:
                 file.write(random.choice((random.randbytes(random.randrange(1, 1 << 20)),
                                           bytes(random.randrange(1, 1 << 22)))))
