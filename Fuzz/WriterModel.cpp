@@ -5,10 +5,10 @@
 #include <Verify.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <array>
+#include <cmath>
 #include <limits>
-#include <string>
+#include <utility>
 
 namespace WriterModel
 {
@@ -67,72 +67,20 @@ bool IsRegular(const Track& inTrack)
            });
 }
 
-//! Whether readers take the size of the samples from the description: 'stsz' says 1, which for sound means a frame.
-bool HasFrames(const Track& inTrack)
+//! Whether the host was sane, and all times fit the headers.
+bool IsSane(const Movie& inMovie)
 {
-    return inTrack.mediaType == QT::kQTMediaTypeSound && IsUniform(inTrack) && SampleSize(inTrack.records.front()) == 1;
-}
-
-bool HasSaneTimes(const Movie& inMovie, const Track& inTrack)
-{
-    if (inTrack.timeScale <= 0 || inTrack.hasWrapped)
+    bool isReported = inMovie.isOdd;
+    for (const Track& track : inMovie.tracks)
     {
-        return false;
+        const std::int64_t shown = std::int64_t{track.duration} + track.trimIn;
+        isReported = isReported || shown < 0 || shown > INT32_MAX;
+        for (const std::int32_t time : {track.duration, Wrap(shown), std::max(track.trimIn, 0)})
+        {
+            ToMovieTime(time, track.timeScale, inMovie.timeScale, isReported);
+        }
     }
-    const std::int64_t shown = std::int64_t{inTrack.duration} + inTrack.trimIn;
-    bool isReported = shown < 0 || shown > INT32_MAX;
-    for (const std::int32_t time : {inTrack.duration, Wrap(shown), std::max(inTrack.trimIn, 0)})
-    {
-        ToMovieTime(time, inTrack.timeScale, inMovie.timeScale, isReported);
-    }
-    // A duration of 0 takes on the one that follows.
-    return !isReported && std::all_of(inTrack.records.begin(), inTrack.records.end(),
-                                      [](const Record& inRecord) { return inRecord.duration > 0; });
-}
-
-bool IsAtomWithChildren(int inType)
-{
-    static constexpr std::uint32_t kTypes[] = {
-        FourCC("moov"), FourCC("trak"), FourCC("edts"), FourCC("mdia"), FourCC("minf"), FourCC("dinf"), FourCC("stbl"),
-        FourCC("tref"), FourCC("udta"), FourCC("tapt"), FourCC("gmhd"), FourCC("mvex"), FourCC("moof"), FourCC("traf"),
-        FourCC("wave"), FourCC("ilst"), FourCC("dref"), FourCC("stsd"), FourCC("meta")};
-    return std::find(std::begin(kTypes), std::end(kTypes), static_cast<std::uint32_t>(inType)) != std::end(kTypes);
-}
-
-bool HasOddItems(const std::map<int, Bytes>& inUserData)
-{
-    return std::any_of(inUserData.begin(), inUserData.end(),
-                       [](const auto& inItem) { return IsAtomWithChildren(inItem.first); });
-}
-
-std::uint32_t HandlerType(QT::MediaType inMediaType)
-{
-    switch (inMediaType)
-    {
-    case QT::kQTMediaTypeVideo:
-        return FourCC("vide");
-    case QT::kQTMediaTypeSound:
-        return FourCC("soun");
-    case QT::kQTMediaTypeTimecode:
-        return FourCC("tmcd");
-    case QT::kQTMediaTypeClosedCaption:
-        return FourCC("clcp");
-    default:
-        return FourCC("text");
-    }
-}
-
-std::uint32_t ReferenceType(std::uint32_t inType)
-{
-    switch (inType)
-    {
-    case QT::kQTTrackReferenceTimecode:
-        return FourCC("tmcd");
-    case QT::kQTTrackReferenceChapter:
-        return FourCC("chap");
-    default:
-        return 0xFFFFFFFF;
-    }
+    return !isReported;
 }
 
 Bytes Slice(const Bytes& inFile, std::uint64_t inOffset, std::uint64_t inSize)
@@ -150,23 +98,19 @@ Bytes Payload(const Bytes& inFile, const Inspect::Atom& inAtom)
 void CheckUserData(const std::map<int, Bytes>& inItems, const Inspect::Atom& inParent, const Bytes& inFile)
 {
     const Inspect::Atom* atom = inParent.Find(FourCC("udta"));
-    Require((atom != nullptr) == !inItems.empty(), "there is user data where some was added, and nowhere else");
-    if (atom == nullptr)
-    {
-        return;
-    }
-    Require(atom->children.size() == inItems.size(), "all user data items are there");
-    auto child = atom->children.begin();
+    const std::size_t count = atom != nullptr ? atom->children.size() : 0;
+    Require((atom != nullptr) == !inItems.empty() && count == inItems.size(), "the user data that was added is there");
+    std::size_t index = 0;
     for (const auto& [type, payload] : inItems)
     {
-        Require(child->type == static_cast<std::uint32_t>(type), "user data items stand in the order of their types");
-        Require(Payload(inFile, *child) == payload, "a user data item has its bytes");
-        ++child;
+        const Inspect::Atom& item = atom->children[index++];
+        Require(item.type == static_cast<std::uint32_t>(type), "user data items stand in the order of their types");
+        Require(Payload(inFile, item) == payload, "a user data item has its bytes");
     }
 }
 
 //! Where the chunks of a track begin. Merged chunks have no place for calls without samples.
-std::vector<std::uint64_t> ExpectChunks(const Movie& inMovie, const Track& inTrack)
+std::vector<std::uint64_t> ExpectChunks(const Movie& inMovie, const Track& inTrack, bool inAreMerged)
 {
     std::vector<std::uint64_t> offsets;
     const Record* previous = nullptr;
@@ -174,7 +118,7 @@ std::vector<std::uint64_t> ExpectChunks(const Movie& inMovie, const Track& inTra
     {
         const bool isBehind =
             previous != nullptr && previous->offset + static_cast<std::uint64_t>(previous->size) == record.offset;
-        if (!inTrack.isChunkedByHand || !isBehind || previous->endsChunk)
+        if (!inAreMerged || !isBehind || previous->endsChunk)
         {
             offsets.push_back(inMovie.mediaOffset + record.offset);
         }
@@ -183,37 +127,50 @@ std::vector<std::uint64_t> ExpectChunks(const Movie& inMovie, const Track& inTra
     return offsets;
 }
 
-void CheckSamples(const Movie& inMovie, const Track& inTrack, const Inspect::Track& inFound, const Bytes& inFile)
+void CheckChunks(const Movie& inMovie, const Track& inTrack, const Inspect::Track& inFound)
 {
-    constexpr std::uint64_t kMaxVisited = 5000; // Of samples alike there can be 2^31.
+    const auto endsChunk = [](const Record& inRecord) { return inRecord.endsChunk; };
+    const auto last = inTrack.records.end() - 1;
+    const bool areMerged = std::any_of(inTrack.records.begin(), inTrack.records.end(), endsChunk);
+    // The journal may lack a call behind the last sample, or have one behind a sample that was cut.
+    const bool mayDiffer = inMovie.isRecovered && std::none_of(inTrack.records.begin(), last, endsChunk);
+    if (IsRegular(inTrack) || (!areMerged && !mayDiffer))
+    {
+        Require(inFound.chunkOffsets == ExpectChunks(inMovie, inTrack, areMerged) ||
+                    (mayDiffer && inFound.chunkOffsets == ExpectChunks(inMovie, inTrack, !areMerged)),
+                "the chunks begin where they should");
+    }
+}
+
+void CheckSamples(const Movie& inMovie, const Track& inTrack, const Inspect::Track& inFound)
+{
+    constexpr std::size_t kMaxCount = 5000; // Of samples alike there can be 2^31.
     const bool hasDurations = std::all_of(inTrack.records.begin(), inTrack.records.end(),
                                           [](const Record& inRecord) { return inRecord.duration != 0; });
-    auto record = inTrack.records.begin();
-    int index = 0; // In the record.
-    std::uint64_t visited = 0;
-    inFound.VisitSamples([&](const Inspect::Sample& inSample) {
-        Require(record != inTrack.records.end(), "the tables have no samples too many");
-        const auto size = static_cast<std::uint64_t>(SampleSize(*record));
-        const std::uint64_t offset = record->offset + static_cast<std::uint64_t>(index) * size;
-        Require(inSample.size == size, "a sample has its size");
-        Require(inSample.offset == inMovie.mediaOffset + offset, "a sample lies in its place");
-        Require(Slice(inFile, inSample.offset, size) == Slice(inMovie.media, offset, size), "a sample has its bytes");
-        Require(!hasDurations || inSample.duration == static_cast<std::uint32_t>(record->duration),
-                "a sample has its duration");
-        if (++index == record->count)
+    using Place = std::array<std::uint64_t, 3>; // Offset, size and duration.
+    std::vector<Place> expected, found;
+    for (const Record& record : inTrack.records)
+    {
+        const auto size = static_cast<std::uint64_t>(SampleSize(record));
+        std::uint64_t offset = inMovie.mediaOffset + record.offset;
+        for (int i = 0; i < record.count && expected.size() < kMaxCount; ++i, offset += size)
         {
-            ++record;
-            index = 0;
+            expected.push_back({offset, size, hasDurations ? static_cast<std::uint32_t>(record.duration) : 0});
         }
-        return ++visited < kMaxVisited;
+    }
+    inFound.VisitSamples([&](const Inspect::Sample& inSample) {
+        found.push_back({inSample.offset, inSample.size, hasDurations ? inSample.duration : 0});
+        return found.size() < kMaxCount;
     });
-    Require(visited == std::min(kMaxVisited, CountSamples(inTrack)), "the tables have all samples");
+    Require(found == expected, "the tables tell where each sample lies, its size and its duration");
 }
 
 void CheckTrack(const Movie& inMovie, const Track& inTrack, const std::map<QT::TrackID, std::uint32_t>& inNumbers,
                 const Inspect::Track& inFound, const Bytes& inFile)
 {
-    Require(inFound.handlerType == HandlerType(inTrack.mediaType), "a track has its media type");
+    static constexpr std::uint32_t kHandlers[] = {FourCC("vide"), FourCC("soun"), FourCC("tmcd"), FourCC("clcp"),
+                                                  FourCC("text")}; // In the order of the media types.
+    Require(inFound.handlerType == kHandlers[inTrack.mediaType - QT::kQTMediaTypeVideo], "a track has its media type");
     Require(inFound.mediaTimeScale == static_cast<std::uint32_t>(inTrack.timeScale), "a track has its time scale");
     Require(inFound.mediaDuration == static_cast<std::uint32_t>(inTrack.duration), "a track has its duration");
     bool isReported = false; // Of no interest here.
@@ -233,47 +190,79 @@ void CheckTrack(const Movie& inMovie, const Track& inTrack, const std::map<QT::T
     std::map<std::uint32_t, std::vector<std::uint32_t>> references;
     for (const auto& [type, ids] : inTrack.references)
     {
+        const std::uint32_t code = type == QT::kQTTrackReferenceTimecode  ? FourCC("tmcd")
+                                   : type == QT::kQTTrackReferenceChapter ? FourCC("chap")
+                                                                          : 0xFFFFFFFF;
         for (const QT::TrackID id : ids)
         {
-            const auto number = inNumbers.find(id);
-            references[ReferenceType(type)].push_back(number != inNumbers.end() ? number->second : 0);
+            references[code].push_back(inNumbers.contains(id) ? inNumbers.at(id) : 0);
         }
     }
     Require(inFound.references == references, "a track has its references");
 
     const Inspect::Atom* description = inFound.FindTable(FourCC("stsd"));
     Require(description != nullptr && description->GetPayloadSize() >= 8, "a track has a description");
-    const std::optional<Bytes> entry = GetEntry(inMovie.descriptions[inTrack.description]);
-    Require(entry && Slice(inFile, description->GetPayloadOffset() + 8, description->GetPayloadSize() - 8) == *entry,
+    Require(Slice(inFile, description->GetPayloadOffset() + 8, description->GetPayloadSize() - 8) == inTrack.entry,
             "a track has its description's bytes");
-
-    const int frameSize = inMovie.descriptions[inTrack.description].sampleSize;
-    if (IsRegular(inTrack) || !inTrack.isChunkedByHand)
+    CheckChunks(inMovie, inTrack, inFound);
+    // Where 'stsz' says 1, readers take the size of the samples from the description: for sound it means a frame.
+    const bool areFrames =
+        inTrack.mediaType == QT::kQTMediaTypeSound && IsUniform(inTrack) && SampleSize(inTrack.records.front()) == 1;
+    if (IsRegular(inTrack) && (!areFrames || inMovie.descriptions[inTrack.description].sampleSize == 1))
     {
-        Require(inFound.chunkOffsets == ExpectChunks(inMovie, inTrack), "the chunks begin where they should");
-    }
-    if (IsRegular(inTrack) && (!HasFrames(inTrack) || frameSize == 1))
-    {
-        CheckSamples(inMovie, inTrack, inFound, inFile);
+        CheckSamples(inMovie, inTrack, inFound);
     }
 }
 
-void CheckPlace(const Movie& inMovie, const Inspect::Atom& inMooV, const Inspect::Atom& inMedia)
+//! Lets what goes along with picture and sound end with them, and timecode last until then.
+void FitSideTracks(Movie& ioMovie)
 {
-    const std::uint64_t room = inMovie.mediaOffset - kFileTypeSize - kWideAndHeaderSize;
-    const bool fits = inMooV.size + 8 <= room;
-    Require(inMooV.offset == (fits ? kFileTypeSize : inMedia.GetEnd()), "'moov' stands in front where it fits");
+    const auto isSide = [](const Track& inTrack) { return inTrack.mediaType > QT::kQTMediaTypeSound; };
+    const auto endOf = [](const Track& inTrack) {
+        return inTrack.records.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
+    };
+    double seconds = 0;
+    for (const Track& track : ioMovie.tracks)
+    {
+        const bool counts = !isSide(track) && track.timeScale > 0;
+        seconds = std::max(seconds, counts ? static_cast<double>(endOf(track)) / track.timeScale : 0);
+    }
+    for (Track& track : ioMovie.tracks)
+    {
+        const double end = isSide(track) ? std::round(seconds * track.timeScale) : 0;
+        const auto excess = [&] { return endOf(track) - static_cast<std::int64_t>(end); };
+        const auto hasSingle = [&] { return !track.records.empty() && track.records.back().count == 1; };
+        const auto shorten = [&](std::int64_t inBy) {
+            track.records.back().duration = Wrap(track.records.back().duration - inBy);
+            track.duration = Wrap(track.duration - inBy);
+        };
+        if (end <= 0 || end > INT32_MAX)
+        {
+            continue;
+        }
+        while (excess() > 0 && hasSingle() && track.records.back().duration > 0)
+        {
+            shorten(std::min<std::int64_t>(excess(), track.records.back().duration));
+            track.records.resize(track.records.size() - (track.records.back().duration == 0 ? 1 : 0));
+        }
+        if (excess() < 0 && track.mediaType == QT::kQTMediaTypeTimecode && hasSingle() &&
+            track.records.back().duration - excess() <= INT32_MAX)
+        {
+            shorten(excess());
+        }
+    }
 }
 
 } // namespace
 
-void Require(bool inCondition, std::string_view inWhat)
+// ---- What was accepted ----
+
+bool Track::Add(const Record& inRecord)
 {
-    if (!inCondition)
-    {
-        std::fprintf(stderr, "Does not hold: %.*s\n", static_cast<int>(inWhat.size()), inWhat.data());
-        std::abort();
-    }
+    records.push_back(inRecord);
+    const std::int64_t sum = duration + std::int64_t{inRecord.count} * inRecord.duration;
+    duration = Wrap(sum);
+    return sum < 0 || sum > INT32_MAX;
 }
 
 Track* Movie::FindTrack(QT::TrackID inID)
@@ -282,15 +271,32 @@ Track* Movie::FindTrack(QT::TrackID inID)
     return index < tracks.size() ? &tracks[index] : nullptr;
 }
 
-bool Movie::AddRecord(Track& ioTrack, const std::uint8_t* inData, int inSize, int inCount, int inDuration)
+bool Movie::AddRecord(Track& ioTrack, const Bytes& inData, int inSize, int inCount, int inDuration)
 {
-    ioTrack.records.push_back({media.size(), inSize, inCount, inDuration, false});
-    media.insert(media.end(), inData, inData + inSize);
-    const std::int64_t duration = ioTrack.duration + std::int64_t{inCount} * inDuration;
-    const bool leaves = duration < 0 || duration > INT32_MAX;
-    ioTrack.duration = Wrap(duration);
-    ioTrack.hasWrapped = ioTrack.hasWrapped || leaves;
-    return leaves;
+    const std::uint64_t offset = media.size();
+    media.insert(media.end(), inData.begin(), inData.begin() + inSize);
+    if (isJournaled && (offset == 0 || offset / blockSize != media.size() / blockSize))
+    {
+        AskDescriptions();
+    }
+    return ioTrack.Add({recordCount++, offset, inSize, inCount, inDuration, false});
+}
+
+void Movie::AskDescriptions(std::size_t inFirstTrack)
+{
+    for (std::size_t i = inFirstTrack; i < tracks.size(); ++i)
+    {
+        tracks[i].entry.reset();
+        try
+        {
+            Tolbin::utility::BinaryDataArray entry;
+            descriptions[tracks[i].description].object->GetAsBinary(entry);
+            tracks[i].entry.emplace(entry.begin(), entry.end());
+        }
+        catch (const std::exception&) // NOLINT(bugprone-empty-catch): `entry` tells as much.
+        {
+        }
+    }
 }
 
 int Movie::GetDuration(bool& outIsReported) const
@@ -304,19 +310,7 @@ int Movie::GetDuration(bool& outIsReported) const
     return longest;
 }
 
-std::optional<Bytes> GetEntry(const Description& inDescription)
-{
-    try
-    {
-        Tolbin::utility::BinaryDataArray entry;
-        inDescription.object->GetAsBinary(entry);
-        return Bytes(entry.begin(), entry.end());
-    }
-    catch (const std::exception&)
-    {
-        return std::nullopt;
-    }
-}
+// ---- What must come of it ----
 
 Tolbin::Result ExpectClose(const Movie& inMovie)
 {
@@ -326,12 +320,11 @@ Tolbin::Result ExpectClose(const Movie& inMovie)
         {
             continue;
         }
-        const std::optional<Bytes> entry = GetEntry(inMovie.descriptions[track.description]);
-        if (!entry)
+        if (!track.entry)
         {
             return QT::kResultOutOfMemory;
         }
-        if (entry->empty())
+        if (track.entry->empty())
         {
             return QT::kResultFailed;
         }
@@ -345,88 +338,7 @@ Tolbin::Result ExpectClose(const Movie& inMovie)
 
 bool MayReportOnClose(const Movie& inMovie)
 {
-    return ExpectClose(inMovie) < 0 ||
-           std::any_of(inMovie.tracks.begin(), inMovie.tracks.end(), [&](const Track& inTrack) {
-               const bool hasOddReference =
-                   inTrack.references.upper_bound(QT::kQTTrackReferenceChapter) != inTrack.references.end() ||
-                   inTrack.references.lower_bound(QT::kQTTrackReferenceTimecode) != inTrack.references.begin();
-               return !inTrack.records.empty() && (hasOddReference || !HasSaneTimes(inMovie, inTrack) ||
-                                                   !inMovie.descriptions[inTrack.description].isSane);
-           });
-}
-
-std::set<std::string_view> GetExcuses(const Movie& inMovie)
-{
-    std::set<std::string_view> excuses;
-    if (HasOddItems(inMovie.userData))
-    {
-        // An item that claims to hold atoms, and does not.
-        excuses.insert({"atom-size", "atom-depth", "trailing-bytes"});
-    }
-    for (const Track& track : inMovie.tracks)
-    {
-        if (track.records.empty())
-        {
-            continue; // Not part of the movie.
-        }
-        const Description& description = inMovie.descriptions[track.description];
-        const bool isDescribed = description.isSane && description.mediaType == track.mediaType;
-        if (!isDescribed)
-        {
-            // Bytes of any kind where readers expect the fields of the track's media type.
-            excuses.insert({"atom-size",      "atom-depth",    "atom-long",    "atom-short", "trailing-bytes",
-                            "entry-format",   "entry-short",   "video-size",   "field",      "clean-aperture",
-                            "sound-channels", "sound-frame",   "sound-labels", "sound-size", "timecode-sample",
-                            "timecode-rate",  "timecode-drop", "stsd-none",    "stsd-count", "stsc-description",
-                            "data-reference"});
-        }
-        if (HasFrames(track) && (!isDescribed || description.sampleSize != 1))
-        {
-            // Readers take the frames to be of another size.
-            excuses.insert({"chunk-outside", "chunk-overlap"});
-        }
-        if (description.sampleSize != 0 && SampleSize(track.records.front()) != description.sampleSize)
-        {
-            excuses.insert({"sound-size", "timecode-sample"});
-        }
-        if (!HasSaneTimes(inMovie, track))
-        {
-            // Time scales and durations of 0 or less, and sums beyond the 31 bits of the headers.
-            excuses.insert({"time-scale", "media-duration", "track-duration", "movie-duration", "edit-range"});
-        }
-        if (!IsRegular(track))
-        {
-            // Calls without samples, whose chunks the tables cannot tell, and more samples than 32 bits count.
-            excuses.insert({"stsc-count", "stsc-order", "stts-count", "chunk-outside", "chunk-overlap"});
-        }
-        if (HasOddItems(track.userData))
-        {
-            excuses.insert({"atom-size", "atom-depth", "trailing-bytes"});
-        }
-        for (const auto& [type, ids] : track.references)
-        {
-            for (const QT::TrackID id : ids)
-            {
-                const QT::MediaType target = inMovie.tracks[id - kFirstTrackID].mediaType;
-                const bool isTimecode = target == QT::kQTMediaTypeTimecode;
-                const bool isChapters = target == QT::kQTMediaTypeText || target == QT::kQTMediaTypeVideo;
-                if ((type == QT::kQTTrackReferenceTimecode && !isTimecode) ||
-                    (type == QT::kQTTrackReferenceChapter && !isChapters))
-                {
-                    excuses.insert("reference-kind");
-                }
-                if (type == QT::kQTTrackReferenceTimecode)
-                {
-                    excuses.insert("timecode-duration"); // How long timecode lasts is the host's affair.
-                }
-            }
-        }
-    }
-    if (inMovie.timeScale <= 0)
-    {
-        excuses.insert("time-scale");
-    }
-    return excuses;
+    return ExpectClose(inMovie) < 0 || !IsSane(inMovie);
 }
 
 void CheckClosed(const Movie& inMovie, Tolbin::Result inCloseResult, const Bytes& inFile)
@@ -435,21 +347,23 @@ void CheckClosed(const Movie& inMovie, Tolbin::Result inCloseResult, const Bytes
     Inspect::Findings findings;
     const Inspect::MovieFile found(source, findings);
     const Inspect::Atom* media = found.GetTree().Find(FourCC("mdat"));
+    const Inspect::Atom* mooV = found.GetMooV();
     Require(media != nullptr && media->GetPayloadOffset() == inMovie.mediaOffset, "the media begins in its place");
     Require(Payload(inFile, *media) == inMovie.media, "the media is what was handed in");
-    Require((found.GetMooV() != nullptr) == (inCloseResult >= 0), "there is a 'moov' unless closing failed");
+    Require((mooV != nullptr) == (inCloseResult >= 0), "there is a 'moov' unless closing failed");
     if (inCloseResult < 0)
     {
         return;
     }
-    CheckPlace(inMovie, *found.GetMooV(), *media);
+    const bool fits = mooV->size + 8 <= inMovie.mediaOffset - kFileTypeSize - kWideAndHeaderSize;
+    Require(mooV->offset == (fits ? kFileTypeSize : media->GetEnd()), "'moov' stands in front where it fits");
 
     Inspect::VerifyMovie(found, findings);
-    const std::set<std::string_view> excuses = GetExcuses(inMovie);
     for (const Inspect::Finding& finding : findings.List())
     {
-        Require(finding.severity != Inspect::Severity::kError || excuses.contains(finding.check),
-                finding.check + ": " + finding.what + " (nothing that the host did excuses that)");
+        const bool isHosts = finding.check == "reference-kind" || finding.check == "timecode-duration";
+        Require(finding.severity != Inspect::Severity::kError || isHosts || !IsSane(inMovie),
+                finding.check + ": " + finding.what);
     }
 
     std::map<QT::TrackID, std::uint32_t> numbers; // In the file, by ID.
@@ -471,7 +385,7 @@ void CheckClosed(const Movie& inMovie, Tolbin::Result inCloseResult, const Bytes
     Require(found.GetTimeScale() == static_cast<std::uint32_t>(inMovie.timeScale), "the movie has its time scale");
     Require(found.GetDuration() == static_cast<std::uint32_t>(inMovie.GetDuration(isReported)),
             "the movie lasts as long as its longest track");
-    CheckUserData(inMovie.userData, *found.GetMooV(), inFile);
+    CheckUserData(inMovie.userData, *mooV, inFile);
 }
 
 void CheckAbandoned(const Movie& inMovie, const Bytes& inFile)
@@ -480,6 +394,57 @@ void CheckAbandoned(const Movie& inMovie, const Bytes& inFile)
     Require(inFile.size() == inMovie.mediaOffset + written, "every full block is written, and nothing else");
     Require(Slice(inFile, inMovie.mediaOffset, written) == Slice(inMovie.media, 0, written),
             "the media on disk is what was handed in");
+}
+
+Movie Recover(const Movie& inMovie, bool inWasClosed, const Bytes& inFile, const QT::RecoveryReport& inReport)
+{
+    std::vector<const Record*> records(inMovie.recordCount);
+    for (const Track& track : inMovie.tracks)
+    {
+        for (const Record& record : track.records)
+        {
+            records[record.number] = &record;
+        }
+    }
+    const auto isWhole = [&](const Record* inRecord) {
+        const auto begin = inMovie.media.begin() + static_cast<std::ptrdiff_t>(inRecord->offset);
+        const std::uint64_t end = inMovie.mediaOffset + inRecord->offset + static_cast<std::uint64_t>(inRecord->size);
+        return end <= inFile.size() && std::equal(begin, begin + inRecord->size,
+                                                  inFile.begin() + static_cast<std::ptrdiff_t>(end) - inRecord->size);
+    };
+    std::size_t kept = 0;
+    std::uint64_t samples = 0;
+    std::uint64_t bytes = 0;
+    for (; samples != inReport.samplesKept || bytes != inReport.bytesKept; ++kept)
+    {
+        Require(kept < records.size() && isWhole(records[kept]),
+                "recovery keeps the first samples, and only whole ones");
+        samples += static_cast<std::uint64_t>(records[kept]->count);
+        bytes += static_cast<std::uint64_t>(records[kept]->size);
+    }
+    for (std::size_t i = kept; i < records.size() && isWhole(records[i]); ++i)
+    {
+        Require(records[i]->size == 0, "recovery keeps every sample that is whole in the file");
+    }
+    Movie movie = inMovie;
+    movie.isRecovered = true;
+    movie.media.resize(bytes);
+    for (Track& track : movie.tracks)
+    {
+        track.duration = 0;
+        for (const Record& record : std::exchange(track.records, {}))
+        {
+            if (record.number < kept && track.entry && !track.entry->empty())
+            {
+                track.Add(record);
+            }
+        }
+    }
+    if (!inWasClosed || kept < records.size())
+    {
+        FitSideTracks(movie);
+    }
+    return movie;
 }
 
 } // namespace WriterModel
