@@ -36,6 +36,25 @@ BinaryDataArray SparseFileSystem::Read(const Tolbin::UTF16String& inPath, std::i
     return bytes;
 }
 
+bool SparseFileSystem::Holds(const Tolbin::UTF16String& inPath, const Files& inFiles) const
+{
+    if (!Exists(inPath) || !inFiles.contains(inPath))
+    {
+        return Exists(inPath) == inFiles.contains(inPath);
+    }
+    const Content& one = *mFiles.at(inPath);
+    const Content& other = inFiles.at(inPath);
+    std::vector<std::uint8_t> pages[2] = {std::vector<std::uint8_t>(kPageSize), std::vector<std::uint8_t>(kPageSize)};
+    const auto isSame = [&](const auto& inPage) {
+        const std::int64_t offset = inPage.first * static_cast<std::int64_t>(kPageSize);
+        Copy(one, offset, pages[0].data(), kPageSize);
+        Copy(other, offset, pages[1].data(), kPageSize);
+        return std::memcmp(pages[0].data(), pages[1].data(), kPageSize) == 0;
+    };
+    return one.size == other.size && std::all_of(one.pages.begin(), one.pages.end(), isSame) &&
+           std::all_of(other.pages.begin(), other.pages.end(), isSame);
+}
+
 SparseFileSystem::Files SparseFileSystem::Save() const
 {
     Files files;

@@ -39,6 +39,9 @@ public:
     Tolbin::utility::BinaryDataArray Read(const Tolbin::UTF16String& inPath, std::int64_t inOffset,
                                           std::size_t inLength) const;
 
+    //! Whether a file holds what it held when the others were saved.
+    bool Holds(const Tolbin::UTF16String& inPath, const Files& inFiles) const;
+
     Files Save() const;
     void Restore(const Files& inFiles);
 
