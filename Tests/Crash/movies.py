@@ -280,12 +280,13 @@ class Reference:
                 fit(streams[tag], nearest((last or seconds) * streams[tag].scale))
         return {tag: stream for tag, stream in streams.items() if stream.rows}
 
-    def check(self, path, least=None, exactly=None, early=False):
+    def check(self, path, least=None, exactly=None, early=False, torn=False):
         """Holds a movie against the uninterrupted one.
 
         least: whatever lies in front of this offset was on disk, and must be in the movie
         exactly: and no more
         early: the movie was closed before its end, so that its last captions lie elsewhere
+        torn: and the last of them may not have been on disk
         Returns the offset up to which the media is in the movie.
         """
         unused = verify(path)
@@ -299,6 +300,9 @@ class Reference:
             seconds = media_seconds({"raw ": expected["raw "]}) if "raw " in expected else 0
             fit(captions, nearest(seconds * captions.scale))
             if captions.rows:
+                if torn and "c608" in found:
+                    captions.rows = captions.rows[:max(len(found["c608"].rows), len(self.expect(least or 0).get(
+                        "c608", captions).rows))]
                 expected["c608"] = captions
                 for stream in (captions, found.get("c608", captions)):
                     stream.rows = [(*row[:3], 0, row[4]) for row in stream.rows]

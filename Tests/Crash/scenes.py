@@ -63,7 +63,7 @@ class CrashTest(unittest.TestCase):
         least = min(least, reference.end) if least is not None else None  # A 'moov' may lie behind.
         before = scene.state()
         if scene.part.exists() and scene.out.exists() and scene.part.samefile(scene.out):
-            reference.check(scene.out, exactly=reference.end)
+            reference.check(scene.out, least=least, early=early)
             scene.part.unlink()  # A second name of the finished movie.
             before = scene.state()
         if not scene.part.exists():
@@ -98,7 +98,7 @@ class CrashTest(unittest.TestCase):
         if exact and known == end and not early:
             reference.check(result, exactly=end)
         elif exact:
-            kept = reference.check(result, least=known, early=early)
+            kept = reference.check(result, least=known, early=early, torn=early)
             self.assertLessEqual(kept, end)
         else:
             kept = reference.check(result)
