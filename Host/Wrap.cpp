@@ -854,6 +854,12 @@ WrapSummary Wrapper::Run()
     OutputFile output(mOptions.output, mOptions.overwrite, ListFiles());
     Prepare();
     const std::filesystem::path& part = output.CreatePart();
+    // Ends before `output`: a journal that goes with its movie goes first, as alone it would bar the way to the next.
+    struct WriterEnd
+    {
+        std::unique_ptr<MovieWriter>& writer;
+        ~WriterEnd() { writer.reset(); }
+    } const writerEnd{mWriter};
     try
     {
         WriteMovie(part);
