@@ -221,14 +221,25 @@ void FitSideTracks(Movie& ioMovie)
     const auto endOf = [](const Track& inTrack) {
         return inTrack.records.empty() ? 0 : std::int64_t{inTrack.duration} + std::max(inTrack.trimIn, 0);
     };
-    double seconds = 0;
-    for (const Track& track : ioMovie.tracks)
+    const auto lastOf = [&](const auto& inCounts) {
+        double seconds = 0;
+        for (const Track& track : ioMovie.tracks)
+        {
+            const bool counts = !isSide(track) && track.timeScale > 0 && inCounts(track);
+            seconds = std::max(seconds, counts ? static_cast<double>(endOf(track)) / track.timeScale : 0);
+        }
+        return seconds;
+    };
+    const double last = lastOf([](const Track&) { return true; });
+    for (std::size_t i = 0; i < ioMovie.tracks.size(); ++i)
     {
-        const bool counts = !isSide(track) && track.timeScale > 0;
-        seconds = std::max(seconds, counts ? static_cast<double>(endOf(track)) / track.timeScale : 0);
-    }
-    for (Track& track : ioMovie.tracks)
-    {
+        Track& track = ioMovie.tracks[i];
+        const double lastUser = lastOf([i](const Track& inTrack) {
+            const auto found = inTrack.references.find(QT::kQTTrackReferenceTimecode);
+            return found != inTrack.references.end() &&
+                   std::find(found->second.begin(), found->second.end(), i + 256) != found->second.end();
+        });
+        const double seconds = track.mediaType == QT::kQTMediaTypeTimecode && lastUser > 0 ? lastUser : last;
         const double end = isSide(track) ? std::round(seconds * track.timeScale) : 0;
         const auto excess = [&] { return endOf(track) - static_cast<std::int64_t>(end); };
         const auto hasSingle = [&] { return !track.records.empty() && track.records.back().count == 1; };
@@ -292,6 +303,7 @@ void Movie::AskDescriptions(std::size_t inFirstTrack)
             Tolbin::utility::BinaryDataArray entry;
             descriptions[tracks[i].description].object->GetAsBinary(entry);
             tracks[i].entry.emplace(entry.begin(), entry.end());
+            tracks[i].lastEntry = entry.empty() ? tracks[i].lastEntry : *tracks[i].entry;
         }
         catch (const std::exception&) // NOLINT(bugprone-empty-catch): `entry` tells as much.
         {
@@ -406,40 +418,68 @@ Movie Recover(const Movie& inMovie, bool inWasClosed, const Bytes& inFile, const
             records[record.number] = &record;
         }
     }
-    const auto isWhole = [&](const Record* inRecord) {
-        const auto begin = inMovie.media.begin() + static_cast<std::ptrdiff_t>(inRecord->offset);
-        const std::uint64_t end = inMovie.mediaOffset + inRecord->offset + static_cast<std::uint64_t>(inRecord->size);
-        return end <= inFile.size() && std::equal(begin, begin + inRecord->size,
-                                                  inFile.begin() + static_cast<std::ptrdiff_t>(end) - inRecord->size);
+    const auto isWholeTo = [&](const Record& inRecord, int inSize) {
+        const auto begin = inMovie.media.begin() + static_cast<std::ptrdiff_t>(inRecord.offset);
+        const std::uint64_t end = inMovie.mediaOffset + inRecord.offset + static_cast<std::uint64_t>(inSize);
+        return end <= inFile.size() &&
+               std::equal(begin, begin + inSize, inFile.begin() + static_cast<std::ptrdiff_t>(end) - inSize);
     };
+    const auto isWhole = [&](const Record* inRecord) { return isWholeTo(*inRecord, inRecord->size); };
     std::size_t kept = 0;
     std::uint64_t samples = 0;
     std::uint64_t bytes = 0;
-    for (; samples != inReport.samplesKept || bytes != inReport.bytesKept; ++kept)
+    const auto isDone = [&] { return samples == inReport.samplesKept && bytes == inReport.bytesKept; };
+    for (; !isDone() && kept < records.size() && isWhole(records[kept]); ++kept)
     {
-        Require(kept < records.size() && isWhole(records[kept]),
-                "recovery keeps the first samples, and only whole ones");
         samples += static_cast<std::uint64_t>(records[kept]->count);
         bytes += static_cast<std::uint64_t>(records[kept]->size);
     }
-    for (std::size_t i = kept; i < records.size() && isWhole(records[i]); ++i)
+    std::optional<Record> part; // Of a record that is not whole, the samples that are.
+    if (!isDone())
+    {
+        Require(kept < records.size() && inReport.samplesKept > samples, "recovery keeps the first samples");
+        part = *records[kept];
+        const auto count = static_cast<int>(inReport.samplesKept - samples);
+        const int size = part->size / std::max(1, part->count);
+        Require(count < part->count && size > 0 && part->size % part->count == 0 && isWholeTo(*part, count * size),
+                "recovery keeps whole samples of a record");
+        // Whether zeros at the end of the next are its own is not known.
+        const int next = std::min(count + 1, part->count) * size;
+        const bool endsInZero = inMovie.media[part->offset + static_cast<std::uint64_t>(next) - 1] == 0;
+        Require(count + 1 == part->count || endsInZero || !isWholeTo(*part, next), "recovery keeps all of them");
+        part->count = count;
+        part->size = count * size;
+        samples += static_cast<std::uint64_t>(count);
+        bytes += static_cast<std::uint64_t>(part->size);
+        Require(isDone(), "recovery counts what it keeps");
+    }
+    for (std::size_t i = kept; !part && i < records.size() && isWhole(records[i]); ++i)
     {
         Require(records[i]->size == 0, "recovery keeps every sample that is whole in the file");
     }
     Movie movie = inMovie;
     movie.isRecovered = true;
     movie.media.resize(bytes);
+    bool isMeantToHaveMedia = false;
+    bool hasMedia = false;
     for (Track& track : movie.tracks)
     {
+        const bool isMedia = track.mediaType <= QT::kQTMediaTypeSound;
+        isMeantToHaveMedia = isMeantToHaveMedia || isMedia;
         track.duration = 0;
+        track.entry = track.lastEntry;
         for (const Record& record : std::exchange(track.records, {}))
         {
-            if (record.number < kept && track.entry && !track.entry->empty())
+            const bool isPart = part && record.number == part->number;
+            const bool isKept = record.number < kept || isPart;
+            hasMedia = hasMedia || (isMedia && isKept);
+            if (isKept && !track.lastEntry.empty())
             {
-                track.Add(record);
+                track.Add(isPart ? *part : record);
             }
         }
     }
+    movie.isNothing = inReport.samplesKept == 0 || (isMeantToHaveMedia && !hasMedia);
     if (!inWasClosed || kept < records.size())
     {
         FitSideTracks(movie);

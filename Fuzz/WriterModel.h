@@ -41,6 +41,7 @@ struct Track
     int timeScale = 0;
     std::size_t description = 0; //!< Index into the movie's.
     std::optional<Bytes> entry;  //!< What the description gave when it was last asked; none when it threw.
+    Bytes lastEntry;             //!< The last that was not empty, which a journal keeps.
     std::vector<Record> records;
     std::int32_t duration = 0; //!< Media units; wraps as its field does.
     int trimIn = 0;
@@ -66,6 +67,7 @@ struct Movie
     std::size_t recordCount = 0;
     bool isJournaled = false;
     bool isRecovered = false;
+    bool isNothing = false; //!< Recovered: no sample is left, or none of picture and sound.
 
     //! Null when the writer has not given out the ID.
     Track* FindTrack(QT::TrackID inID);

@@ -138,6 +138,11 @@ const fs::path& OutputFile::CreatePart()
     {
         fs::path part = mTarget;
         part += number == 0 ? ".part" : fmt::format(".{}.part", number);
+        std::error_code error;
+        if (fs::exists(part.string() + ".journal", error))
+        {
+            continue; // That of another movie, which is still to be recovered or has been lost.
+        }
         const int file = ::open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (file >= 0)
         {

@@ -86,11 +86,10 @@ fs::path GiveName(const Unfinished& inFound)
                         "so look for another copy",
                         journal, movie));
     case QT::kQTErrOtherMovie:
-        throw CommandError(
-            ExitCode::kInputRefused,
-            fmt::format("\"{}\" is the journal of another movie than \"{}\"; put each journal beside its "
-                        "own movie",
-                        journal, movie));
+        throw CommandError(ExitCode::kInputRefused,
+                           fmt::format(R"("{}" is the journal of another movie than "{}"; put each journal beside its )"
+                                       "own movie",
+                                       journal, movie));
     case QT::kQTErrNothingWhole:
         throw CommandError(ExitCode::kInputRefused,
                            fmt::format("no whole sample has reached \"{}\", so there is nothing to recover; remove it "
@@ -154,6 +153,24 @@ void Print(const RecoverOptions& inOptions, const fs::path& inMovie, const QT::R
     note(inReport.damagedPlaces, "places of the media are not what was written");
 }
 
+//! Writes the output as a copy of the movie that `inFinish` has been at.
+template <typename Function>
+void WriteCopy(const Unfinished& inFound, const RecoverOptions& inOptions, const Function& inFinish)
+{
+    OutputFile output(inOptions.output, inOptions.overwrite, {inFound.movie.string(), inFound.journal.string()});
+    const fs::path& part = output.CreatePart();
+    std::error_code error;
+    fs::copy_file(inFound.movie, part, fs::copy_options::overwrite_existing, error);
+    if (error)
+    {
+        throw CommandError(ExitCode::kIOFailed,
+                           fmt::format(R"("{}" cannot be copied to "{}": {}; check the space on its volume)",
+                                       inFound.movie.string(), inOptions.output.string(), error.message()));
+    }
+    inFinish(part);
+    output.Commit();
+}
+
 } // namespace
 
 void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
@@ -161,7 +178,7 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
     const Unfinished found = FindUnfinished(inOptions.movie);
     if (!IsThere(found.movie))
     {
-        throw CommandError(ExitCode::kInputRefused, fmt::format("there is no \"{}\" and no \"{}.part\"; check the name",
+        throw CommandError(ExitCode::kInputRefused, fmt::format(R"(there is no "{}" and no "{}.part"; check the name)",
                                                                 found.movie.string(), inOptions.movie.string()));
     }
     if (!IsThere(found.journal))
@@ -169,12 +186,17 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
         if (!IsWhole(found.movie))
         {
             throw CommandError(ExitCode::kInputRefused,
-                               fmt::format("\"{}\" is not complete, and there is no journal \"{}\" to recover it from; "
+                               fmt::format(R"("{}" is not complete, and there is no journal "{}" to recover it from; )"
                                            "put the journal there",
                                            found.movie.string(), found.journal.string()));
         }
-        const bool keepsName = inOptions.dryRun || !inOptions.output.empty();
-        const std::string name = (keepsName ? found.movie : GiveName(found)).string();
+        const bool isCopied = !inOptions.dryRun && !inOptions.output.empty();
+        if (isCopied)
+        {
+            WriteCopy(found, inOptions, [](const fs::path&) {});
+        }
+        const fs::path own = inOptions.dryRun || isCopied ? found.movie : GiveName(found);
+        const std::string name = (isCopied ? inOptions.output : own).string();
         if (inOptions.json)
         {
             out << Json{{"movie", name}, {"isWhole", true}}.dump(2) << '\n';
@@ -205,18 +227,7 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
         Print(inOptions, inOptions.dryRun ? found.movie : GiveName(found), report, out);
         return;
     }
-    OutputFile output(inOptions.output, inOptions.overwrite, {found.movie.string(), found.journal.string()});
-    const fs::path& part = output.CreatePart();
-    std::error_code error;
-    fs::copy_file(found.movie, part, fs::copy_options::overwrite_existing, error);
-    if (error)
-    {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("\"{}\" cannot be copied to \"{}\": {}; check the space on its volume",
-                                       found.movie.string(), inOptions.output.string(), error.message()));
-    }
-    recover(part);
-    output.Commit();
+    WriteCopy(found, inOptions, recover);
     Print(inOptions, inOptions.output, report, out);
 }
 

@@ -185,4 +185,11 @@ TEST_F(HostRecoverTest, FinishesWhatACrashLeft)
     const Outcome again = RunHost({"recover", Path("out.mov")});
     EXPECT_EQ(0, again.code);
     EXPECT_NE(std::string::npos, again.out.find("is whole")) << again.out;
+    EXPECT_EQ(0, RunHost({"recover", Path("out.mov"), "-o", Path("copy.mov"), "-y"}).code);
+    EXPECT_EQ(ReadFile(Path("copy.mov")), ReadFile(Path("out.mov")));
+
+    WriteFile(journal, "of a movie that is lost");
+    MakeMedia("-f lavfi -i sine=d=1 -c:a pcm_s16le", Path("in.wav"));
+    EXPECT_EQ(0, RunHost({"wrap", Path("in.wav"), "-o", Path("out.mov"), "-y"}).code);
+    EXPECT_TRUE(fs::exists(journal)) << "another's journal is left alone";
 }
