@@ -215,11 +215,17 @@ private:
     Tolbin::Result Take(const JournalRepetition& inRepetition)
     {
         const std::optional<JournalSample> sample = mSample;
-        for (std::uint32_t i = 0; sample && sample->size > 0 && i < inRepetition.count; ++i)
+        if (!sample || sample->size == 0)
+        {
+            return kQTErrBadJournal; // Only samples of some size are repeated.
+        }
+        std::uint32_t count = inRepetition.count;
+        for (; count > 0 && !mIsBehindEnd; --count)
         {
             CommitSample();
             mSample = sample;
         }
+        mReport.samplesDropped += std::uint64_t{count} * Bits32(sample->count);
         return Tolbin::kResultSuccess;
     }
 
