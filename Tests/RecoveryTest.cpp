@@ -155,7 +155,7 @@ protected:
     //! All samples count for one in video, for ten in sound.
     static std::uint64_t Counted(int inCount)
     {
-        return static_cast<std::uint64_t>((inCount + 1) / 2 + inCount / 2 * 10);
+        return static_cast<std::uint64_t>(inCount + 1) / 2 + static_cast<std::uint64_t>(inCount / 2) * 10;
     }
 
     UnsyncedFileSystem unsynced;
