@@ -7,13 +7,16 @@
 #include <Tolbin/String.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -55,14 +58,13 @@ void Check(Tolbin::Result inResult)
 {
     if (inResult < 0)
     {
-        std::fprintf(stderr, "%s\n", Tolbin::ResultMessage(inResult).c_str());
-        std::exit(1);
+        throw std::runtime_error(Tolbin::ResultMessage(inResult));
     }
 }
 
 Cost Write(const Load& inLoad, bool inIsJournaled, const std::string& inPath)
 {
-    std::vector<char> data(*std::max_element(inLoad.sizes.begin(), inLoad.sizes.end()), 'x');
+    std::string data(static_cast<std::size_t>(*std::max_element(inLoad.sizes.begin(), inLoad.sizes.end())), 'x');
     const auto movie = inIsJournaled ? QT::CreateJournaledReelmill() : QT::CreateReelmill();
     Check(movie->Create(Tolbin::string::UTF8to16(inPath), 600));
     std::vector<QT::TrackID> tracks(inLoad.sizes.size() > 1 && inLoad.samples < 1'000'000 ? 2 : 1);
@@ -91,14 +93,21 @@ Cost WriteInProcess(const Load& inLoad, bool inIsJournaled, const std::string& i
     Cost cost;
     if (pipe(ends) != 0)
     {
-        std::perror("pipe");
-        std::exit(1);
+        throw std::system_error(errno, std::generic_category(), "pipe");
     }
     const pid_t child = fork();
     if (child == 0)
     {
-        cost = Write(inLoad, inIsJournaled, inPath);
-        std::_Exit(write(ends[1], &cost, sizeof(cost)) == sizeof(cost) ? 0 : 1);
+        try
+        {
+            cost = Write(inLoad, inIsJournaled, inPath);
+            std::_Exit(write(ends[1], &cost, sizeof(cost)) == sizeof(cost) ? 0 : 1);
+        }
+        catch (const std::exception& error)
+        {
+            std::fprintf(stderr, "%s\n", error.what());
+            std::_Exit(1);
+        }
     }
     close(ends[1]);
     const bool isRead = read(ends[0], &cost, sizeof(cost)) == sizeof(cost);
@@ -106,8 +115,7 @@ Cost WriteInProcess(const Load& inLoad, bool inIsJournaled, const std::string& i
     waitpid(child, nullptr, 0);
     if (child < 0 || !isRead)
     {
-        std::fprintf(stderr, "a round failed\n");
-        std::exit(1);
+        throw std::runtime_error("a round failed");
     }
     std::filesystem::remove(inPath);
     return cost;
@@ -120,24 +128,16 @@ double Median(std::vector<Cost> inCosts, double Cost::*inField)
     return inCosts[inCosts.size() / 2].*inField;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+void Run(const std::string& inFolder, int inRounds)
 {
-    if (argc < 2)
-    {
-        std::fprintf(stderr, "JournalBench FOLDER [ROUNDS]\n");
-        return 1;
-    }
-    const std::string path = std::string(argv[1]) + "/journal-bench.mov";
-    const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 5;
+    const std::string path = inFolder + "/journal-bench.mov";
     std::printf(
         "| samples | calls that add, CPU a sample: plain | journaled | more | with `Close`: more | wall: more |\n"
         "|---|---|---|---|---|---|\n");
     for (const Load& load : kLoads)
     {
         std::vector<Cost> costs[2];
-        for (int round = 0; round < 2 * rounds; ++round)
+        for (int round = 0; round < 2 * inRounds; ++round)
         {
             costs[round % 2].push_back(WriteInProcess(load, round % 2 == 1, path));
         }
@@ -149,5 +149,25 @@ int main(int argc, char** argv)
                     Median(costs[1], &Cost::add) / load.samples * 1e9, more(&Cost::add), more(&Cost::all),
                     more(&Cost::wall));
     }
-    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc < 2)
+    {
+        std::fprintf(stderr, "JournalBench FOLDER [ROUNDS]\n");
+        return 1;
+    }
+    try
+    {
+        Run(argv[1], argc > 2 ? std::max(1, std::stoi(argv[2])) : 5);
+        return 0;
+    }
+    catch (const std::exception& error)
+    {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
 }
