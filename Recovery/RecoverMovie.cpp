@@ -401,7 +401,7 @@ private:
         for (const JournalProbe& probe : mProbes)
         {
             if (probe.offset < 0 || probe.size > std::numeric_limits<std::uint16_t>::max() ||
-                probe.offset + probe.size > mKeptEnd)
+                probe.offset > mKeptEnd - probe.size)
             {
                 continue;
             }
