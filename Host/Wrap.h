@@ -49,7 +49,9 @@ struct WrapSummary
 //! time. The start of each input is the start of the movie; streams that start later keep their distance from it.
 //!
 //! Throws CommandError: `kInputRefused` when an input cannot be written as it is or the output may not be,
-//! `kIOFailed` when reading or writing failed. Either way nothing is left that was not there before.
+//! `kIOFailed` when reading or writing failed or the user asked to stop. Then what was written is kept as a movie that
+//! ends at its last whole sample, where there is one, and the sentence names it; else nothing is left that was not there
+//! before.
 WrapSummary Wrap(const WrapOptions& inOptions, Progress& ioProgress);
 
 //! What `Wrap` would come to.

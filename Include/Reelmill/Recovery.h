@@ -18,8 +18,8 @@ namespace QT
 //! `CreateReelmill`.
 //!
 //! The journal on disk is never behind the media on disk: it is brought to the device before each block of media is
-//! written. What a crash can cost is the block in memory, and what was said of the movie (user data, references,
-//! trim-ins, ends of chunks) since the last sample that is on disk only when the machine dies too.
+//! written. What a crash can cost is the block in memory and the ends of chunks behind the last sample on disk; when the
+//! machine dies also what was said of the movie since then (user data, references, trim-ins).
 //!
 //! The calls give the results of `Reelmill`, and besides:
 //! - `Create`: EEXIST (as an error of the system) when the journal exists: an unfinished movie's, to be recovered or
@@ -80,16 +80,17 @@ struct RecoveryReport
 //!
 //! A sample is whole when the file holds all of its bytes; a tail of zeros that the media did not have counts as
 //! missing. As soon as one is not, those behind it are not either. Of samples that were added together, and are of one
-//! size, those in front are kept. Where the movie ends earlier than its journal,
-//! timecode, text and captions are cut to the end of picture and sound. The file is cut behind the last whole sample,
-//! unless the journal lost its end: what it does not tell of stays in 'mdat'.
+//! size, those in front are kept. Where the movie ends earlier than its journal, timecode, text and captions are cut to
+//! the end of picture and sound. The file is cut behind the last whole sample, unless the journal lost its end: what it
+//! does not tell of stays in 'mdat'.
 //!
 //! \param inMovie    path of the movie, changed in place
 //! \param outReport  filled as far as recovery came
 //! \return 0; an error of the system (ENOENT: there is no movie, or no journal); `kQTErrBadJournal`; `kQTErrOtherMovie`;
-//!         `kQTErrNothingWhole`: nothing was changed. An error of the system or `kResultShortWrite` (ENOSPC: there
-//!         is no room for 'moov' behind the media): the journal stays and recovery may be tried again. What else
-//!         `Reelmill::Close` returns.
+//!         `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such tracks);
+//!         `kQTErrTooLarge` for a journal whose tables no file can mean: nothing was changed. An error of the system or
+//!         `kResultShortWrite` (ENOSPC: there is no room for 'moov' behind the media): the journal stays and recovery may
+//!         be tried again. What else `Reelmill::Close` returns.
 TOLBIN_EXPORT Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& outReport,
                                           const RecoveryOptions& inOptions = {});
 
