@@ -1,5 +1,6 @@
 #include "UnbufferedWriter.h"
 
+#include <Tolbin/Allocator.h>
 #include <Tolbin/Config.h>
 #include <Tolbin/Debug.h>
 
@@ -172,7 +173,10 @@ private:
     {
         try
         {
-            mBuffer.resize(mBufferedWriteSize + mDiskSectorSize);
+            const std::size_t size = mBufferedWriteSize + mDiskSectorSize;
+            mBuffer.reserve(size);
+            Tolbin::allocator::MemoryRecycler::PreferLargePages(mBuffer.data(), size);
+            mBuffer.resize(size);
         }
         catch (const std::bad_alloc&)
         {

@@ -9,16 +9,24 @@
 namespace Tolbin::allocator
 {
 
-//! Where the core allocator's memory comes from. Draws from the process heap, which recycles freed blocks by size
-//! already; whatever policy large arrays need belongs here and nowhere else. Safe to use from any thread.
+//! Where the core allocator's memory comes from. Small blocks are drawn from the process heap, which recycles freed ones
+//! by size already. Blocks of `kMappedSize` and more are address space of their own: they take memory only where they
+//! are touched, in large pages if the system has them, and give all of it back at once. Safe to use from any thread.
 class MemoryRecycler
 {
 public:
+    //! In bytes. From here on a container may ask for more room than it will ever use.
+    static constexpr std::size_t kMappedSize = std::size_t{2} << 20;
+
     //! At least `inSize` bytes, aligned for any fundamental type. Throws `std::bad_alloc`.
     TOLBIN_EXPORT static void* Allocate(std::size_t inSize);
 
     //! Takes back what `Allocate` gave for the same size. Null is allowed.
     TOLBIN_EXPORT static void Recycle(void* inMemory, std::size_t inSize) noexcept;
+
+    //! Asks the system to back memory that has not been touched yet with large pages, as far as whole ones fit in: the
+    //! first touch costs far less. Advice only.
+    TOLBIN_EXPORT static void PreferLargePages(void* inMemory, std::size_t inSize) noexcept;
 };
 
 //! The core library's allocator for standard containers. Stateless: all instances are equal.

@@ -73,6 +73,17 @@ public:
         }
     }
 
+    //! The same with the message that `inPrint` writes to a stream. Stays out of the code around the site.
+    template <typename Print>
+    [[gnu::cold, gnu::noinline]] void ReportPrinted(const char* inExpression, Print inPrint, const char* inFile,
+                                                    int inLine, const char* inFunction)
+    {
+        std::ostringstream message;
+        message.imbue(std::locale::classic());
+        inPrint(message);
+        Report(inExpression, message.str(), inFile, inLine, inFunction);
+    }
+
 private:
     std::atomic<bool> mDisabled{false};
 };
@@ -140,10 +151,8 @@ TOLBIN_EXPORT unsigned int DebugDatabase::GetEntryAs<unsigned int>(const std::st
         static ::Tolbin::debug::AssertSite sSite;                                                                      \
         if (!(condition) && sSite.IsEnabled())                                                                         \
         {                                                                                                              \
-            std::ostringstream reportText;                                                                             \
-            reportText.imbue(std::locale::classic());                                                                  \
-            reportText << message;                                                                                     \
-            sSite.Report(expression, reportText.str(), __FILE__, __LINE__, function);                                  \
+            const auto printMessage = [&](std::ostream& outText) { outText << message; };                              \
+            sSite.ReportPrinted(expression, printMessage, __FILE__, __LINE__, function);                               \
         }                                                                                                              \
     } while (false)
 
