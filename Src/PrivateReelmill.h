@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AtomTree.h"
 #include "QTDiskTypes.h"
 #include "TrackRec.h"
 #include "UnbufferedWriter.h"
@@ -127,7 +128,7 @@ private:
     Tolbin::Result PatchMediaDataSize();
     Tolbin::Result PlaceMooVAtom(Tolbin::utility::BinaryDataArray& inMooVAtom);
     Tolbin::Result MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack, std::map<TrackID, int>& inTrackIndexByID,
-                                 Tolbin::utility::BinaryDataArray& outTrackAtom);
+                                 AtomTree& outTrackAtom);
     void RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample);
     Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
     Tolbin::Result Write(void* inData, std::size_t inLength);

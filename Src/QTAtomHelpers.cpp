@@ -1,5 +1,7 @@
 #include "QTAtomHelpers.h"
 
+#include "SampleTables.h"
+
 #include <Tolbin/Debug.h>
 
 #include <algorithm>
@@ -150,209 +152,13 @@ qtn_ApertureDimensionsAtom MakeApertureDimensions(std::uint32_t inType, std::uin
 
 // ---- Sample tables --------------------------------------------------------------------------------------------------
 
-//! Builds a table atom: its head, then `inEntryCount` entries, which the caller fills in at the pointer given back.
-//!
-//! \return 0; `kQTErrTooLarge` when the atom would reach 2 GiB, and nothing is allocated.
-template <typename Entry, typename Atom>
-Tolbin::Result AllocateTableAtom(std::uint64_t inEntryCount, Atom*& outAtom, Entry*& outEntries)
+//! An atom's array, as `SampleTableItemsRec` owns it.
+template <typename Atom>
+std::uint8_t* AllocateAtom(std::uint64_t inSize, Atom*& outAtom)
 {
-    static_assert(IsDiskRecord<Atom> && IsDiskRecord<Entry>);
-    if (inEntryCount > (QT::kMaxAtomSize - sizeof(Atom)) / sizeof(Entry))
-    {
-        return QT::kQTErrTooLarge;
-    }
-    const std::size_t size = sizeof(Atom) + inEntryCount * sizeof(Entry);
-    outAtom = new (new std::uint8_t[size]) Atom;
-    outAtom->header.atomSize = TO_BIG(QT::Low32(size));
-    outEntries = reinterpret_cast<Entry*>(outAtom + 1);
-    return Tolbin::kResultSuccess;
-}
-
-//! Builds a table atom that counts its entries, each made by `inConvert` from an element of `inSource`.
-template <typename Entry, typename Atom, typename Source, typename Convert = std::identity>
-Tolbin::Result MakeTableAtom(const std::vector<Source>& inSource, Atom*& outAtom, Convert inConvert = {})
-{
-    Entry* entries = nullptr;
-    const Tolbin::Result result = AllocateTableAtom(inSource.size(), outAtom, entries);
-    if (result >= 0)
-    {
-        outAtom->entryCount = QT::Low32(inSource.size());
-        std::transform(inSource.begin(), inSource.end(), entries, inConvert);
-    }
-    return result;
-}
-
-//! The size of each sample of a record; 0 for a record without samples.
-std::int32_t SizePerSample(const QT::MediaSampleRec& inRecord)
-{
-    return inRecord.sampleCount == 0 ? 0 : inRecord.dataSize / inRecord.sampleCount;
-}
-
-//! 'stsz': one size for all, or one for each sample.
-Tolbin::Result MakeSampleSizeAtom(const QT::MediaSampleVector& inRecords, qtn_SampleSizeAtom*& outAtom)
-{
-    const std::int32_t firstSize = inRecords.empty() ? 0 : SizePerSample(inRecords.front());
-    const bool isUniform = std::all_of(inRecords.begin(), inRecords.end(), [firstSize](const auto& inRecord) {
-        return SizePerSample(inRecord) == firstSize;
-    });
-    std::uint64_t sampleCount = 0;
-    for (const QT::MediaSampleRec& record : inRecords)
-    {
-        sampleCount += static_cast<std::uint64_t>(std::max(record.sampleCount, 0));
-    }
-    big_uint32_t* sizes = nullptr;
-    const Tolbin::Result result = AllocateTableAtom(isUniform ? 0 : sampleCount, outAtom, sizes);
-    if (result < 0)
-    {
-        return result;
-    }
-    outAtom->sampleCount = QT::Low32(sampleCount);
-    if (isUniform)
-    {
-        outAtom->sampleSize = QT::Bits32(firstSize);
-        return result;
-    }
-    for (const QT::MediaSampleRec& record : inRecords)
-    {
-        sizes = std::fill_n(sizes, record.sampleCount, big_uint32_t(QT::Bits32(SizePerSample(record))));
-    }
-    return result;
-}
-
-//! 'stts': records of equal duration share an entry; those of duration 0 join the next duration that is not.
-Tolbin::Result MakeTimeToSampleAtom(const QT::MediaSampleVector& inRecords, qtn_TimeToSampleAtom*& outAtom)
-{
-    std::vector<qtn_TimeToSampleEntry> entries;
-    std::int32_t runDuration = 0; // 0: not fixed yet.
-    std::uint32_t runCount = 0;
-    const auto endRun = [&] { entries.push_back({runCount, QT::Bits32(runDuration)}); };
-    for (const QT::MediaSampleRec& record : inRecords)
-    {
-        if (runDuration != 0 && record.sampleDuration != runDuration)
-        {
-            endRun();
-            runCount = 0;
-        }
-        runDuration = record.sampleDuration;
-        runCount += QT::Bits32(record.sampleCount);
-    }
-    if (runCount != 0)
-    {
-        endRun();
-    }
-    return MakeTableAtom<qtn_TimeToSampleEntry>(entries, outAtom);
-}
-
-//! What both ways of chunking end with: 'stco' or 'co64', and 'stsc'.
-Tolbin::Result MakeChunkAtoms(const std::vector<std::int64_t>& chunkOffsets, bool inNeeds64Bits,
-                              const std::vector<qtn_SampleToChunkEntry>& sampleToChunkTable,
-                              qtn_SampleToChunkAtom** outSampleToChunk, qtn_ChunkOffsetAtom** outOffsets,
-                              qtn_ChunkOffsetAtom64** outOffsets64)
-{
-    const auto toOffset32 = [](std::int64_t inOffset) { return QT::Low32(static_cast<std::uint64_t>(inOffset)); };
-    const auto toOffset64 = [](std::int64_t inOffset) { return static_cast<std::uint64_t>(inOffset); };
-    const Tolbin::Result result = inNeeds64Bits ? MakeTableAtom<big_uint64_t>(chunkOffsets, *outOffsets64, toOffset64)
-                                                : MakeTableAtom<big_uint32_t>(chunkOffsets, *outOffsets, toOffset32);
-    if (result < 0)
-    {
-        return result;
-    }
-    return MakeTableAtom<qtn_SampleToChunkEntry>(sampleToChunkTable, *outSampleToChunk);
-}
-
-bool Needs64Bits(const QT::MediaSampleRec& inRecord)
-{
-    return inRecord.fileOffset > 0xFFFFFFFF;
-}
-
-//! One chunk for each record.
-Tolbin::Result MakeChunkTableAtomsPtrs(QT::TrackRec& track, qtn_SampleToChunkAtom** outSampleToChunk,
-                                       qtn_ChunkOffsetAtom** outOffsets, qtn_ChunkOffsetAtom64** outOffsets64)
-{
-    std::vector<std::int64_t> chunkOffsets;
-    chunkOffsets.reserve(track.samples.size());
-    std::vector<qtn_SampleToChunkEntry> sampleToChunkTable;
-    qtn_SampleToChunkEntry run{1, 0}; // 0 samples: no run is open.
-    for (const QT::MediaSampleRec& record : track.samples)
-    {
-        chunkOffsets.push_back(record.fileOffset);
-        const std::uint32_t samples = QT::Bits32(record.sampleCount);
-        if (run.samplesPerChunk != 0 && run.samplesPerChunk != samples)
-        {
-            sampleToChunkTable.push_back(run);
-            run.firstChunk = QT::Low32(chunkOffsets.size());
-        }
-        run.samplesPerChunk = samples;
-    }
-    if (!track.samples.empty())
-    {
-        sampleToChunkTable.push_back(run);
-    }
-    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
-    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
-    const bool needs64Bits = std::any_of(track.samples.begin(), track.samples.end(), Needs64Bits);
-    return MakeChunkAtoms(chunkOffsets, needs64Bits, sampleToChunkTable, outSampleToChunk, outOffsets, outOffsets64);
-}
-
-//! Chunks of records that lie back to back in the file, up to the records that end one.
-Tolbin::Result MakeAggregatedChunkTableAtomsPtrs(QT::TrackRec& track, qtn_SampleToChunkAtom** outSampleToChunk,
-                                                 qtn_ChunkOffsetAtom** outOffsets, qtn_ChunkOffsetAtom64** outOffsets64)
-{
-    std::vector<std::int64_t> chunkOffsets;
-    std::vector<qtn_SampleToChunkEntry> sampleToChunkTable;
-    qtn_SampleToChunkEntry run{0, 0}; // First chunk 0: no run is open.
-    struct Chunk
-    {
-        std::uint32_t samples = 0; // 0: no chunk is open.
-        std::int64_t start = 0;
-        std::int64_t expected = 0; // Where its data ends.
-    } chunk;
-
-    const auto open = [&chunk](const QT::MediaSampleRec& inRecord) {
-        chunk = {QT::Bits32(inRecord.sampleCount), inRecord.fileOffset, inRecord.fileOffset + inRecord.dataSize};
-    };
-    // A chunk in front of a gap begins an entry of its own, whatever the entry before says.
-    const auto close = [&](bool inGapFollows) {
-        chunkOffsets.push_back(chunk.start);
-        if (run.firstChunk != 0 && chunk.samples == run.samplesPerChunk && !inGapFollows)
-        {
-            return;
-        }
-        if (run.firstChunk != 0)
-        {
-            sampleToChunkTable.push_back(run);
-        }
-        run = {QT::Low32(chunkOffsets.size()), chunk.samples};
-    };
-
-    bool previousEnds = false;
-    for (const QT::MediaSampleRec& record : track.samples)
-    {
-        if (chunk.samples == 0)
-        {
-            open(record);
-        }
-        else if (record.fileOffset == chunk.expected && !previousEnds)
-        {
-            chunk.samples += QT::Bits32(record.sampleCount);
-            chunk.expected += record.dataSize;
-        }
-        else
-        {
-            close(record.fileOffset != chunk.expected);
-            open(record);
-        }
-        previousEnds = record.endsChunk;
-    }
-    if (!track.samples.empty())
-    {
-        close(false); // Also a chunk that a last record without samples has begun.
-        sampleToChunkTable.push_back(run);
-    }
-    TOLBIN_ASSERT_AS(!chunkOffsets.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
-    TOLBIN_ASSERT_AS(!sampleToChunkTable.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
-    const bool needs64Bits = std::any_of(track.samples.begin(), track.samples.end(), Needs64Bits);
-    return MakeChunkAtoms(chunkOffsets, needs64Bits, sampleToChunkTable, outSampleToChunk, outOffsets, outOffsets64);
+    auto* const bytes = new std::uint8_t[inSize];
+    outAtom = reinterpret_cast<Atom*>(bytes);
+    return bytes;
 }
 
 //! An atom in its generic form, for a list of atoms; null stays null.
@@ -407,15 +213,16 @@ void ConcatenateAtomsToAtomContainer(int inType, std::vector<qtn_GenericAtomHead
     {
         throw std::length_error("an atom would reach 2 GiB");
     }
-    outContainer.clear();
-    outContainer.reserve(size);
-    AppendRecord(outContainer, qtn_GenericAtomHeader(Low32(size), Bits32(inType)));
+    outContainer.resize(size);
+    StoreRecord(outContainer, 0, qtn_GenericAtomHeader(Low32(size), Bits32(inType)));
+    std::size_t offset = kAtomHeaderSize;
     for (const qtn_GenericAtomHeader* atom : inAtoms)
     {
         if (atom != nullptr)
         {
-            const auto* bytes = reinterpret_cast<const std::uint8_t*>(atom);
-            outContainer.insert(outContainer.end(), bytes, bytes + TO_BIG(atom->atomSize));
+            const std::uint32_t atomSize = TO_BIG(atom->atomSize);
+            std::memcpy(outContainer.data() + offset, atom, atomSize);
+            offset += atomSize;
         }
     }
 }
@@ -648,16 +455,21 @@ void MakeUserDataAtom(Tolbin::utility::BinaryDataArray& outAtom,
 Tolbin::Result MakeSampleTableItems(TrackRec& track, SampleTableItemsRec& items)
 {
     items = SampleTableItemsRec{};
-    Tolbin::Result result = MakeSampleSizeAtom(track.samples, items.sampleSizeAtom);
-    if (result >= 0)
+    const SampleTables tables(track);
+    const Tolbin::Result result = tables.GetResult();
+    if (result < 0)
     {
-        result = MakeTimeToSampleAtom(track.samples, items.timeToSampleAtom);
+        return result;
     }
-    if (result >= 0)
-    {
-        const auto makeChunks = track.explicitChunking ? MakeAggregatedChunkTableAtomsPtrs : MakeChunkTableAtomsPtrs;
-        result = makeChunks(track, &items.sampleToChunkAtom, &items.chunkOffsetAtom, &items.chunkOffset64Atom);
-    }
+    TOLBIN_ASSERT_AS(!track.samples.empty(), "chunkOffsets.size()", __PRETTY_FUNCTION__, "");
+    TOLBIN_ASSERT_AS(!track.samples.empty(), "sampleToChunkTable.size()", __PRETTY_FUNCTION__, "");
+    SampleTables::Places places{};
+    places.sampleSize = AllocateAtom(tables.GetSampleSizeSize(), items.sampleSizeAtom);
+    places.timeToSample = AllocateAtom(tables.GetTimeToSampleSize(), items.timeToSampleAtom);
+    places.chunkOffset = tables.Needs64Bits() ? AllocateAtom(tables.GetChunkOffsetSize(), items.chunkOffset64Atom)
+                                              : AllocateAtom(tables.GetChunkOffsetSize(), items.chunkOffsetAtom);
+    places.sampleToChunk = AllocateAtom(tables.GetSampleToChunkSize(), items.sampleToChunkAtom);
+    tables.Write(places);
     return result;
 }
 

@@ -136,8 +136,9 @@ struct SampleTableItemsRec
     qtn_GenericAtomHeader* spare3 = nullptr;
 };
 
-//! Builds 'stsz', 'stts', 'stsc' and 'stco' or 'co64' from the track's sample records; overwrites `items` without
-//! freeing what it held. On an exception or a failure `items` owns what was built so far.
+//! Builds 'stsz', 'stts', 'stsc' and 'stco' or 'co64' from the track's sample records, each in an array of its own;
+//! overwrites `items` without freeing what it held. On an exception or a failure `items` owns what was built so far.
+//! (The writer does without the arrays: see `SampleTables`.)
 //!
 //! \return 0; `kQTErrTooLarge` when an atom would reach 2 GiB.
 Tolbin::Result MakeSampleTableItems(TrackRec& track, SampleTableItemsRec& items);

@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace QT
@@ -83,23 +84,6 @@ Tolbin::Result StoreUserData(std::map<int, Tolbin::utility::BinaryDataArray>& io
     return Tolbin::kResultSuccess;
 }
 
-//! `ConcatenateAtomsToAtomContainer`, but `kQTErrTooLarge` where the container would reach 2 GiB.
-Tolbin::Result MakeContainer(std::uint32_t inType, std::vector<qtn_GenericAtomHeader*>& inAtoms,
-                             Tolbin::utility::BinaryDataArray& outContainer)
-{
-    std::uint64_t size = kAtomHeaderSize;
-    for (const qtn_GenericAtomHeader* atom : inAtoms)
-    {
-        size += atom != nullptr ? TO_BIG(atom->atomSize) : 0;
-    }
-    if (size > kMaxAtomSize)
-    {
-        return kQTErrTooLarge;
-    }
-    ConcatenateAtomsToAtomContainer(static_cast<int>(inType), inAtoms, outContainer);
-    return Tolbin::kResultSuccess;
-}
-
 //! Reports that the assembly of 'moov' ended in an exception; never throws itself, though memory may be exhausted and
 //! the handler is the host's.
 void ReportAssemblyException() noexcept
@@ -142,26 +126,36 @@ private:
     bool mIsReleased = false;
 };
 
-//! Makes room for one more record, so that adding it cannot fail; grows geometrically.
-void ReserveOneMore(MediaSampleVector& ioSamples)
+//! Grows geometrically: twofold while growing means copying to another place in the heap, then once to a size that takes
+//! address space only, which longer takes than anyone has shot fill without being copied.
+[[gnu::noinline]] void Grow(MediaSampleVector& ioSamples)
 {
     constexpr std::size_t kFirstCapacity = 64;
-    if (ioSamples.size() == ioSamples.capacity())
+    constexpr std::size_t kMappedCapacity = Tolbin::allocator::MemoryRecycler::kMappedSize / sizeof(MediaSampleRec);
+    constexpr std::size_t kFarCapacity = 512 * kMappedCapacity; // 1 GiB; 77 hours of 120 records a second.
+    const std::size_t twice = std::max(kFirstCapacity, 2 * ioSamples.capacity());
+    if (twice >= kMappedCapacity && twice < kFarCapacity)
     {
-        ioSamples.reserve(std::max(kFirstCapacity, 2 * ioSamples.capacity()));
+        try
+        {
+            ioSamples.reserve(kFarCapacity);
+            return;
+        }
+        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the process may not have that much address space.
+        {
+        }
     }
+    ioSamples.reserve(twice);
 }
 
-//! Frees a track's sample-table atoms at the end of a scope.
-struct SampleTableItemsScope
+//! Makes room for one more record, so that adding it cannot fail.
+void ReserveOneMore(MediaSampleVector& ioSamples)
 {
-    SampleTableItemsRec items;
-
-    SampleTableItemsScope() = default;
-    SampleTableItemsScope(const SampleTableItemsScope&) = delete;
-    SampleTableItemsScope& operator=(const SampleTableItemsScope&) = delete;
-    ~SampleTableItemsScope() { DisposeSampleTableItems(items); }
-};
+    if (ioSamples.size() == ioSamples.capacity())
+    {
+        Grow(ioSamples);
+    }
+}
 
 } // namespace
 
@@ -359,6 +353,21 @@ Tolbin::Result PrivateReelmill::GetTrackPtr(TrackID inTrackID, TrackPtr& outTrac
     return Tolbin::kResultSuccess;
 }
 
+//! Room for the record was made before. Inlined, so that the record goes straight to its place: one that is put together
+//! on the stack first is read back before its parts have left the store buffer, which costs more than all the rest.
+[[gnu::always_inline]] inline void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
+{
+    ioTrack.samples.emplace_back() = inSample;
+    const auto newDuration =
+        static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
+    TOLBIN_ASSERT(
+        (newDuration & 0xFFFFFFFF80000000LL) == 0,
+        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
+        "being written in an invalid state.\n");
+    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
+    mediaDataSize += inSample.dataSize;
+}
+
 Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, int inDataSize,
                                                std::int32_t inSampleCount, std::int32_t inSampleDuration,
                                                std::int32_t inAuxValue, bool inAuxFlag)
@@ -383,20 +392,6 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     RecordMediaSample(*track, {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
                                /*endsChunk*/ false});
     return result;
-}
-
-//! Room for the record was made before.
-void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
-{
-    ioTrack.samples.push_back(inSample);
-    const auto newDuration =
-        static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
-    TOLBIN_ASSERT(
-        (newDuration & 0xFFFFFFFF80000000LL) == 0,
-        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
-        "being written in an invalid state.\n");
-    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
-    mediaDataSize += inSample.dataSize;
 }
 
 Tolbin::Result PrivateReelmill::EndMediaChunk(TrackID inTrackID)
@@ -622,32 +617,32 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
         qtn_MovieHeaderAtom movieHeader;
         MakeMovieHeader(movieHeader, movieTimeScale, GetMovieDuration(), static_cast<int>(tracks.size()), creationTime);
 
-        std::vector<Tolbin::utility::BinaryDataArray> trackAtoms;
-        trackAtoms.reserve(tracks.size());
+        std::vector<AtomTree> children;
+        children.push_back(AtomTree::FromRecord(movieHeader));
         for (auto& [trackID, track] : tracks)
         {
-            const Tolbin::Result result = MakeTrackAtom(trackID, track, trackIndexByID, trackAtoms.emplace_back());
+            const Tolbin::Result result = MakeTrackAtom(trackID, track, trackIndexByID, children.emplace_back());
             if (result < 0)
             {
                 return result;
             }
         }
-
-        std::vector<qtn_GenericAtomHeader*> children{&movieHeader.header};
-        for (Tolbin::utility::BinaryDataArray& trackAtom : trackAtoms)
-        {
-            qtn_GenericAtomHeader* const trackAtomPtr = AtomHeader(trackAtom);
-            TOLBIN_ASSERT(trackAtom.size() == TO_BIG(trackAtomPtr->atomSize), "");
-            children.push_back(trackAtomPtr);
-        }
-        Tolbin::utility::BinaryDataArray userDataAtom;
         if (!userData.empty())
         {
+            Tolbin::utility::BinaryDataArray userDataAtom;
             MakeUserDataAtom(userDataAtom, userData);
-            children.push_back(AtomHeader(userDataAtom));
+            children.emplace_back(std::move(userDataAtom));
         }
-        const Tolbin::Result result = MakeContainer(FourCC("moov"), children, outMooVAtom);
-        TOLBIN_ASSERT_AS(result < 0 || outMooVAtom.size() == TO_BIG(AtomHeader(outMooVAtom)->atomSize),
+        AtomTree movie;
+        const Tolbin::Result result = AtomTree::MakeContainer(FourCC("moov"), std::move(children), movie);
+        if (result < 0)
+        {
+            return result;
+        }
+        outMooVAtom.resize(movie.GetSize());
+        const std::uint8_t* const end = movie.Write(outMooVAtom.data());
+        TOLBIN_ASSERT_AS(end == outMooVAtom.data() + outMooVAtom.size() &&
+                             outMooVAtom.size() == TO_BIG(AtomHeader(outMooVAtom)->atomSize),
                          "outMooVAtom.size() == TO_BIG ( ((qtn_GenericAtomHeaderPtr)&outMooVAtom[0])->atomSize)",
                          __PRETTY_FUNCTION__, "");
         return result;
@@ -662,8 +657,7 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
 // 'trak': 'tkhd', ['tapt'], ['load'], 'edts', ['tref'], 'mdia' ('mdhd', 'hdlr', 'minf'), ['udta']; 'minf': media
 // header, data 'hdlr', 'dinf', 'stbl'. Built from the inside out.
 Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack,
-                                              std::map<TrackID, int>& inTrackIndexByID,
-                                              Tolbin::utility::BinaryDataArray& outTrackAtom)
+                                              std::map<TrackID, int>& inTrackIndexByID, AtomTree& outTrackAtom)
 {
     using Tolbin::utility::BinaryDataArray;
 
@@ -694,16 +688,17 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     AppendRecord(descriptionAtom, description);
     descriptionAtom.insert(descriptionAtom.end(), descriptionEntry.begin(), descriptionEntry.end());
 
-    SampleTableItemsScope tables;
-    Tolbin::Result result = MakeSampleTableItems(inTrack, tables.items);
+    const SampleTables tables(inTrack);
+    Tolbin::Result result = tables.GetResult();
     if (result < 0)
     {
         return result;
     }
-    std::vector<qtn_GenericAtomHeader*> tableAtoms{AtomHeader(descriptionAtom)};
-    PushSampleTableItemsToAtomVector(tableAtoms, tables.items);
-    BinaryDataArray sampleTable;
-    result = MakeContainer(FourCC("stbl"), tableAtoms, sampleTable);
+    std::vector<AtomTree> children;
+    children.emplace_back(std::move(descriptionAtom));
+    children.emplace_back(tables);
+    AtomTree sampleTable;
+    result = AtomTree::MakeContainer(FourCC("stbl"), std::move(children), sampleTable);
     if (result < 0)
     {
         return result;
@@ -711,18 +706,23 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
 
     BinaryDataArray mediaInfoHeader;
     MakeMediaSpecificMediaInfoHeaderAtom(mediaInfoHeader, inTrack.mediaType);
-    std::vector<qtn_GenericAtomHeader*> mediaInfoAtoms{AtomHeader(mediaInfoHeader), &dataHandler.header,
-                                                       &dataInfo.header, AtomHeader(sampleTable)};
-    BinaryDataArray mediaInfo;
-    result = MakeContainer(FourCC("minf"), mediaInfoAtoms, mediaInfo);
+    children.clear();
+    children.emplace_back(std::move(mediaInfoHeader));
+    children.push_back(AtomTree::FromRecord(dataHandler));
+    children.push_back(AtomTree::FromRecord(dataInfo));
+    children.push_back(std::move(sampleTable));
+    AtomTree mediaInfo;
+    result = AtomTree::MakeContainer(FourCC("minf"), std::move(children), mediaInfo);
     if (result < 0)
     {
         return result;
     }
-    std::vector<qtn_GenericAtomHeader*> mediaAtoms{&mediaHeader.header, AtomHeader(mediaHandler),
-                                                   AtomHeader(mediaInfo)};
-    BinaryDataArray media;
-    result = MakeContainer(FourCC("mdia"), mediaAtoms, media);
+    children.clear();
+    children.push_back(AtomTree::FromRecord(mediaHeader));
+    children.emplace_back(std::move(mediaHandler));
+    children.push_back(std::move(mediaInfo));
+    AtomTree media;
+    result = AtomTree::MakeContainer(FourCC("mdia"), std::move(children), media);
     if (result < 0)
     {
         return result;
@@ -731,35 +731,35 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     qtn_TrackHeaderAtom trackHeader;
     MakeTrackHeaderAtom(trackHeader, movieTimeScale, inTrack.timeScale, inTrackIndexByID[inTrackID], inTrack.mediaType,
                         inTrack.width, inTrack.height, inTrack.duration, inTrack.trimIn, creationTime);
-    std::vector<qtn_GenericAtomHeader*> trackAtoms{&trackHeader.header};
+    children.clear();
+    children.push_back(AtomTree::FromRecord(trackHeader));
     BinaryDataArray aperture;
     MakeOptionalTrackApertureAtom(inTrack.sampleDescription, inTrack.mediaType, aperture);
     if (!aperture.empty())
     {
-        trackAtoms.push_back(AtomHeader(aperture));
+        children.emplace_back(std::move(aperture));
     }
-    qtn_TrackLoadSettingsAtom loadSettings;
     if (inTrack.mediaType == kQTMediaTypeVideo)
     {
-        trackAtoms.push_back(&loadSettings.header);
+        children.push_back(AtomTree::FromRecord(qtn_TrackLoadSettingsAtom{}));
     }
     BinaryDataArray edits;
     MakeEditsAtom(edits, movieTimeScale, inTrack.timeScale, inTrack.duration, inTrack.trimIn);
-    trackAtoms.push_back(AtomHeader(edits));
-    BinaryDataArray references;
+    children.emplace_back(std::move(edits));
     if (!inTrack.trackReferences.empty())
     {
+        BinaryDataArray references;
         MakeTrackReferencesAtom(references, inTrack.trackReferences, inTrackIndexByID);
-        trackAtoms.push_back(AtomHeader(references));
+        children.emplace_back(std::move(references));
     }
-    trackAtoms.push_back(AtomHeader(media));
-    BinaryDataArray userDataAtom;
+    children.push_back(std::move(media));
     if (!inTrack.userData.empty())
     {
+        BinaryDataArray userDataAtom;
         MakeUserDataAtom(userDataAtom, inTrack.userData);
-        trackAtoms.push_back(AtomHeader(userDataAtom));
+        children.emplace_back(std::move(userDataAtom));
     }
-    return MakeContainer(FourCC("trak"), trackAtoms, outTrackAtom);
+    return AtomTree::MakeContainer(FourCC("trak"), std::move(children), outTrackAtom);
 }
 
 // ---- A movie that is in the file already ----------------------------------------------------------------------------
