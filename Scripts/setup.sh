@@ -10,14 +10,14 @@ buildPackages=(
     libcli11-dev libfmt-dev nlohmann-json3-dev
 )
 # GoogleTest and the readers that look at what the library wrote. clang builds the consumer of the installed library.
-# strace and the file systems are there to make the command fail. The last is what the measurements need that are built
+# strace and the file systems are there to make the command fail. The last are what the measurements need that are built
 # with the tests.
 testPackages=(
     libgtest-dev libgmock-dev python3 clang
     ffmpeg mediainfo libimage-exiftool-perl quicktime-utils chromium fonts-dejavu-core
     gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
     strace mount e2fsprogs xfsprogs btrfs-progs
-    libbenchmark-dev
+    libbenchmark-dev valgrind
 )
 showPackages=(ffmpeg)
 fuzzPackages=(clang libclang-rt-14-dev)
