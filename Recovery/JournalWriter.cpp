@@ -52,40 +52,46 @@ Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
 
 // ---- Records --------------------------------------------------------------------------------------------------------
 
+// Only single fields are copied: a whole sample that was put together a moment ago is not ready to be read as a whole.
 void JournalWriter::PutSample(const JournalSample& inSample)
 {
     PutRepeats();
     JournalSample& last = mLast[inSample.track];
-    std::uint8_t* const flags = mFrame.data() + mEnd;
-    std::uint8_t* end = flags + 1;
-    *flags = kSampleFlag;
+    std::uint8_t* const begin = mFrame.data() + mEnd;
+    std::uint8_t* end = begin + 1;
+    std::uint8_t flags = kSampleFlag;
     if (inSample.track != mTrack)
     {
-        *flags |= kSampleTrackFlag;
+        flags |= kSampleTrackFlag;
         end = StoreNumber(end, inSample.track);
         mTrack = inSample.track;
+        last.track = inSample.track;
     }
     if (inSample.size != last.size)
     {
-        *flags |= kSampleSizeFlag;
+        flags |= kSampleSizeFlag;
         end = StoreNumber(end, Bits32(inSample.size));
+        last.size = inSample.size;
     }
     if (inSample.count != last.count)
     {
-        *flags |= kSampleCountFlag;
+        flags |= kSampleCountFlag;
         end = StoreNumber(end, Bits32(inSample.count));
+        last.count = inSample.count;
     }
     if (inSample.duration != last.duration)
     {
-        *flags |= kSampleDurationFlag;
+        flags |= kSampleDurationFlag;
         end = StoreNumber(end, Bits32(inSample.duration));
+        last.duration = inSample.duration;
     }
     if (inSample.zeros != 0)
     {
-        *flags |= kSampleZerosFlag;
+        flags |= kSampleZerosFlag;
         end = StoreNumber(end, inSample.zeros);
     }
-    last = inSample;
+    last.zeros = inSample.zeros;
+    *begin = flags;
     mEnd = static_cast<std::size_t>(end - mFrame.data());
 }
 

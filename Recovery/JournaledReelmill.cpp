@@ -30,7 +30,7 @@ Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
 }
 
 //! How many bytes at the end are zero.
-std::uint32_t CountZeros(const void* inData, int inSize)
+inline std::uint32_t CountZeros(const void* inData, int inSize)
 {
     const auto* const begin = static_cast<const char*>(inData);
     const char* end = begin + inSize;
@@ -103,8 +103,10 @@ public:
         }
         try
         {
-            mDescriptions.push_back({inSampleDescription, StoreDescription(*inSampleDescription)});
-            mJournal.AddTrack({inMediaType, inTimeScale, inWidth, inHeight, mDescriptions.back().stored});
+            TrackPtr track = nullptr;
+            static_cast<void>(mWriter->GetTrackPtr(outTrackID, track)); // It is there.
+            mTracks.push_back({track, inSampleDescription, StoreDescription(*inSampleDescription)});
+            mJournal.AddTrack({inMediaType, inTimeScale, inWidth, inHeight, mTracks.back().stored});
         }
         catch (...)
         {
@@ -118,11 +120,10 @@ public:
                                   std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag) override
     {
         const TrackID track = inTrackID - kFirstTrackID;
-        const bool isRefused = track >= mDescriptions.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0;
-        if (isRefused)
+        if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
         {
             return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
-                                           inAuxFlag);
+                                           inAuxFlag); // Refuses.
         }
         if (mFailure < 0)
         {
@@ -140,8 +141,8 @@ public:
         const JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, CountZeros(inData, inDataSize)};
         if (offset + inDataSize < mBlockEnd)
         {
-            const Tolbin::Result result = mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount,
-                                                                  inSampleDuration, inAuxValue, inAuxFlag);
+            const Tolbin::Result result = mWriter->AddToTrack(*mTracks[track].track, inData, inDataSize, inSampleCount,
+                                                              inSampleDuration, inAuxValue, inAuxFlag);
             if (result >= 0)
             {
                 mJournal.AddSample(sample);
@@ -164,7 +165,7 @@ public:
     Tolbin::Result AddTextMediaSample(TrackID inTrackID, const Tolbin::UTF16String& inText, int inDuration) override
     {
         Tolbin::utility::BinaryDataArray sample;
-        if (inTrackID - kFirstTrackID >= mDescriptions.size() || MakeTextSample(inText, sample) < 0)
+        if (inTrackID - kFirstTrackID >= mTracks.size() || MakeTextSample(inText, sample) < 0)
         {
             return mWriter->AddTextMediaSample(inTrackID, inText, inDuration); // Refuses.
         }
@@ -240,7 +241,7 @@ public:
             FitTracksToMedia(mWriter->GetTracks());
         }
         const Tolbin::Result closeResult = mWriter->Close();
-        mDescriptions.clear(); // Later calls are for the writer to refuse.
+        mTracks.clear(); // Later calls are for the writer to refuse.
         result = closeResult < 0 ? closeResult : mWriter->GetPlaceholderResult();
         if (result >= 0)
         {
@@ -259,8 +260,9 @@ public:
     int GetMovieDuration() override { return mWriter->GetMovieDuration(); }
 
 private:
-    struct Description
+    struct Track
     {
+        TrackPtr track; //!< The writer's.
         boost::shared_ptr<QTSampleDescription> description;
         StoredDescription stored; //!< As the journal has it.
     };
@@ -315,13 +317,13 @@ private:
     //! gives no bytes, if only for want of memory, leaves the one before in force.
     void AddChangedDescriptions()
     {
-        for (std::size_t track = 0; track < mDescriptions.size(); ++track)
+        for (std::size_t track = 0; track < mTracks.size(); ++track)
         {
-            StoredDescription stored = StoreDescription(*mDescriptions[track].description);
-            if (!stored.entry.empty() && !(stored == mDescriptions[track].stored))
+            StoredDescription stored = StoreDescription(*mTracks[track].description);
+            if (!stored.entry.empty() && !(stored == mTracks[track].stored))
             {
                 mJournal.Add(JournalDescription{track, stored});
-                mDescriptions[track].stored = std::move(stored);
+                mTracks[track].stored = std::move(stored);
             }
         }
     }
@@ -330,7 +332,7 @@ private:
     void Abandon()
     {
         mWriter = boost::make_shared<PrivateReelmill>();
-        mDescriptions.clear();
+        mTracks.clear();
         static_cast<void>(mJournal.Close());
     }
 
@@ -338,7 +340,7 @@ private:
     Tolbin::UTF16String mPath;
     boost::shared_ptr<PrivateReelmill> mWriter = boost::make_shared<PrivateReelmill>();
     JournalWriter mJournal;
-    std::vector<Description> mDescriptions; //!< By track.
+    std::vector<Track> mTracks;
     std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
     Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
     bool mWasCreated = false;

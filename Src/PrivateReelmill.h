@@ -8,6 +8,7 @@
 #include <Reelmill/Reelmill.h>
 #include <Tolbin/Allocator.h>
 #include <Tolbin/BinaryDataArray.h>
+#include <Tolbin/Debug.h>
 #include <Ventra/File.h>
 
 #include <boost/shared_ptr.hpp>
@@ -71,6 +72,13 @@ public:
 
     MovieStart GetStart() const;
 
+    //! The track of an ID. \return 0; `kQTErrBadState`; `kQTErrUnknownTrackID`, and reports it. Null on failure.
+    Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
+
+    //! `AddMediaSample` for whoever has found the track and checked the rest.
+    Tolbin::Result AddToTrack(TrackRec& ioTrack, void* inData, int inDataSize, std::int32_t inSampleCount,
+                              std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag);
+
     //! File offset of the next byte of media.
     std::int64_t GetMediaEnd() const { return mediaDataOffset + mediaDataSize; }
 
@@ -130,7 +138,8 @@ private:
     Tolbin::Result MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack, std::map<TrackID, int>& inTrackIndexByID,
                                  AtomTree& outTrackAtom);
     void RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample);
-    Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
+    static void ReserveOneMore(MediaSampleVector& ioSamples);
+    static void Grow(MediaSampleVector& ioSamples);
     Tolbin::Result Write(void* inData, std::size_t inLength);
 
     Tolbin::UTF16String path;
@@ -150,5 +159,48 @@ private:
     bool isResumed = false;
     Tolbin::Result placeholderResult = Tolbin::kResultSuccess;
 };
+
+// ---- What every sample passes through, inlined: a call would cost as much as what it does -------------------------------
+
+//! Makes room for one more record, so that adding it cannot fail.
+inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
+{
+    if (ioSamples.size() == ioSamples.capacity())
+    {
+        Grow(ioSamples);
+    }
+}
+
+//! Room for the record was made before. It goes straight to its place: one that is put together on the stack first is
+//! read back before its parts have left the store buffer, which costs more than all the rest.
+[[gnu::always_inline]] inline void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
+{
+    ioTrack.samples.emplace_back() = inSample;
+    const auto newDuration =
+        static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
+    TOLBIN_ASSERT(
+        (newDuration & 0xFFFFFFFF80000000LL) == 0,
+        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
+        "being written in an invalid state.\n");
+    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
+    mediaDataSize += inSample.dataSize;
+}
+
+[[gnu::always_inline]] inline Tolbin::Result PrivateReelmill::AddToTrack(TrackRec& ioTrack, void* inData,
+                                                                         int inDataSize, std::int32_t inSampleCount,
+                                                                         std::int32_t inSampleDuration,
+                                                                         std::int32_t inAuxValue, bool inAuxFlag)
+{
+    ReserveOneMore(ioTrack.samples); // Once the bytes are on their way nothing may keep them from being recorded.
+    const std::int64_t fileOffset = unbufferedWriter->GetFilePointer();
+    const Tolbin::Result result =
+        unbufferedWriter->Write(static_cast<char*>(inData), static_cast<std::size_t>(inDataSize));
+    if (result >= 0)
+    {
+        RecordMediaSample(ioTrack, {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
+                                    /*endsChunk*/ false});
+    }
+    return result;
+}
 
 } // namespace QT

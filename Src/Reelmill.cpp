@@ -126,37 +126,6 @@ private:
     bool mIsReleased = false;
 };
 
-//! Grows geometrically: twofold while growing means copying to another place in the heap, then once to a size that takes
-//! address space only, which longer takes than anyone has shot fill without being copied.
-[[gnu::noinline]] void Grow(MediaSampleVector& ioSamples)
-{
-    constexpr std::size_t kFirstCapacity = 64;
-    constexpr std::size_t kMappedCapacity = Tolbin::allocator::MemoryRecycler::kMappedSize / sizeof(MediaSampleRec);
-    constexpr std::size_t kFarCapacity = 512 * kMappedCapacity; // 1 GiB; 77 hours of 120 records a second.
-    const std::size_t twice = std::max(kFirstCapacity, 2 * ioSamples.capacity());
-    if (twice >= kMappedCapacity && twice < kFarCapacity)
-    {
-        try
-        {
-            ioSamples.reserve(kFarCapacity);
-            return;
-        }
-        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the process may not have that much address space.
-        {
-        }
-    }
-    ioSamples.reserve(twice);
-}
-
-//! Makes room for one more record, so that adding it cannot fail.
-void ReserveOneMore(MediaSampleVector& ioSamples)
-{
-    if (ioSamples.size() == ioSamples.capacity())
-    {
-        Grow(ioSamples);
-    }
-}
-
 } // namespace
 
 Reelmill::~Reelmill() = default;
@@ -335,7 +304,6 @@ Tolbin::Result PrivateReelmill::NewMovieTrack(MediaType inMediaType, int inTimeS
     return Tolbin::kResultSuccess;
 }
 
-//! Common to all per-track operations: checks the state as well.
 Tolbin::Result PrivateReelmill::GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr)
 {
     outTrackPtr = nullptr;
@@ -353,21 +321,6 @@ Tolbin::Result PrivateReelmill::GetTrackPtr(TrackID inTrackID, TrackPtr& outTrac
     return Tolbin::kResultSuccess;
 }
 
-//! Room for the record was made before. Inlined, so that the record goes straight to its place: one that is put together
-//! on the stack first is read back before its parts have left the store buffer, which costs more than all the rest.
-[[gnu::always_inline]] inline void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
-{
-    ioTrack.samples.emplace_back() = inSample;
-    const auto newDuration =
-        static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
-    TOLBIN_ASSERT(
-        (newDuration & 0xFFFFFFFF80000000LL) == 0,
-        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
-        "being written in an invalid state.\n");
-    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
-    mediaDataSize += inSample.dataSize;
-}
-
 Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, int inDataSize,
                                                std::int32_t inSampleCount, std::int32_t inSampleDuration,
                                                std::int32_t inAuxValue, bool inAuxFlag)
@@ -382,16 +335,29 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     {
         return kQTErrBadArgument;
     }
-    ReserveOneMore(track->samples); // Once the bytes are on their way nothing may keep them from being recorded.
-    const std::int64_t fileOffset = unbufferedWriter->GetFilePointer();
-    result = unbufferedWriter->Write(static_cast<char*>(inData), static_cast<std::size_t>(inDataSize));
-    if (result < 0)
+    return AddToTrack(*track, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
+}
+
+// Grows geometrically: twofold while growing means copying to another place in the heap, then once to a size that takes
+// address space only, which longer takes than anyone has shot fill without being copied.
+void PrivateReelmill::Grow(MediaSampleVector& ioSamples)
+{
+    constexpr std::size_t kFirstCapacity = 64;
+    constexpr std::size_t kMappedCapacity = Tolbin::allocator::MemoryRecycler::kMappedSize / sizeof(MediaSampleRec);
+    constexpr std::size_t kFarCapacity = 512 * kMappedCapacity; // 1 GiB; 77 hours of 120 records a second.
+    const std::size_t twice = std::max(kFirstCapacity, 2 * ioSamples.capacity());
+    if (twice >= kMappedCapacity && twice < kFarCapacity)
     {
-        return result;
+        try
+        {
+            ioSamples.reserve(kFarCapacity);
+            return;
+        }
+        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the process may not have that much address space.
+        {
+        }
     }
-    RecordMediaSample(*track, {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
-                               /*endsChunk*/ false});
-    return result;
+    ioSamples.reserve(twice);
 }
 
 Tolbin::Result PrivateReelmill::EndMediaChunk(TrackID inTrackID)
