@@ -10,6 +10,7 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -147,10 +148,11 @@ BENCHMARK(BlockWriter)->Arg(1)->Arg(16)->Arg(64)->Arg(4096)->Arg(65536);
 //! Adds samples of 16 and 20 bytes in turn.
 void AddSamples(const NullMovie& inMovie, std::int64_t inSamples)
 {
-    char data[20] = {1};
+    std::array<char, 20> data{};
+    data.fill('x');
     for (std::int64_t i = 0; i < inSamples; ++i)
     {
-        Check(inMovie.writer->AddMediaSample(inMovie.tracks.front(), data, i % 2 == 0 ? 16 : 20, 1, 1, 0, false));
+        Check(inMovie.writer->AddMediaSample(inMovie.tracks.front(), data.data(), i % 2 == 0 ? 16 : 20, 1, 1, 0, false));
     }
 }
 
