@@ -462,6 +462,7 @@ Movie Recover(const Movie& inMovie, bool inWasClosed, const Bytes& inFile, const
     movie.media.resize(bytes);
     bool isMeantToHaveMedia = false;
     bool hasMedia = false;
+    bool hasSamples = false;
     for (Track& track : movie.tracks)
     {
         const bool isMedia = track.mediaType <= QT::kQTMediaTypeSound;
@@ -472,14 +473,15 @@ Movie Recover(const Movie& inMovie, bool inWasClosed, const Bytes& inFile, const
         {
             const bool isPart = part && record.number == part->number;
             const bool isKept = record.number < kept || isPart;
-            hasMedia = hasMedia || (isMedia && isKept);
             if (isKept && !track.lastEntry.empty())
             {
+                hasSamples = true;
+                hasMedia = hasMedia || isMedia;
                 track.Add(isPart ? *part : record);
             }
         }
     }
-    movie.isNothing = inReport.samplesKept == 0 || (isMeantToHaveMedia && !hasMedia);
+    movie.isNothing = !hasSamples || (isMeantToHaveMedia && !hasMedia);
     if (!inWasClosed || kept < records.size())
     {
         FitSideTracks(movie);

@@ -330,6 +330,15 @@ private:
         {
             return result;
         }
+        for (auto& [trackID, track] : mWriter->GetTracks())
+        {
+            Tolbin::utility::BinaryDataArray entry;
+            track.sampleDescription->GetAsBinary(entry);
+            if (entry.empty())
+            {
+                track.samples.clear(); // The writer would not close the movie.
+            }
+        }
         if (!HasMedia())
         {
             return kQTErrNothingWhole;
@@ -340,15 +349,6 @@ private:
             const std::int64_t end = std::min(mLimit, mMovie.GetContentEnd());
             mReport.bytesUnknown = static_cast<std::uint64_t>(std::max<std::int64_t>(0, end - mKeptEnd));
             mKeptEnd = std::max(mKeptEnd, end);
-        }
-        for (auto& [trackID, track] : mWriter->GetTracks())
-        {
-            Tolbin::utility::BinaryDataArray entry;
-            track.sampleDescription->GetAsBinary(entry);
-            if (entry.empty())
-            {
-                track.samples.clear(); // The writer would not close the movie.
-            }
         }
         if (!mIsClosing || mEndsWithMedia || mIsBehindEnd)
         {

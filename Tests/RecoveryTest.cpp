@@ -483,6 +483,25 @@ TEST_F(Recovery, RecordsAreKeptInPart)
     }
 }
 
+//! A description that gives no bytes makes no track, and no movie that is called finished.
+TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
+{
+    class Empty final : public QT::QTSampleDescription
+    {
+    public:
+        void GetAsBinary(BinaryDataArray& outEntry) override { outEntry.clear(); }
+    };
+    const auto journaled = QT::CreateJournaledReelmill();
+    ASSERT_EQ(journaled->Create(path, 100), 0);
+    QT::TrackID video = 0;
+    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, boost::make_shared<Empty>(), video), 0);
+    std::string data(4096, 'x');
+    ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 4096, 1, 1, 0, false), 0);
+    RecoveryReport report;
+    EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole);
+    EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole) << "the journal is still there";
+}
+
 //! A duration beyond its field is the host's fault, which recovery must not add to.
 TEST_F(Recovery, TimecodeWhoseDurationHasWrappedIsLeftAlone)
 {

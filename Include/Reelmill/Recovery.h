@@ -87,7 +87,8 @@ struct RecoveryReport
 //! \param inMovie    path of the movie, changed in place
 //! \param outReport  filled as far as recovery came
 //! \return 0; an error of the system (ENOENT: there is no movie, or no journal); `kQTErrBadJournal`; `kQTErrOtherMovie`;
-//!         `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such tracks);
+//!         `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such tracks, in any track
+//!         whose description is usable);
 //!         `kQTErrTooLarge` for a journal whose tables no file can mean: nothing was changed. An error of the system or
 //!         `kResultShortWrite` (ENOSPC: there is no room for 'moov' behind the media): the journal stays and recovery may
 //!         be tried again. What else `Reelmill::Close` returns.
