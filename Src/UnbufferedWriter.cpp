@@ -1,5 +1,7 @@
 #include "UnbufferedWriter.h"
 
+#include "StreamingCopy.h"
+
 #include <Tolbin/Allocator.h>
 #include <Tolbin/Config.h>
 #include <Tolbin/Debug.h>
@@ -17,6 +19,7 @@ namespace
 {
 
 constexpr std::uint32_t kDefaultBlockSize = 20u << 20;
+constexpr std::size_t kStreamingSize = 256; //!< Smaller pieces leave lines of the block half written.
 constexpr const char* kSMBWriteSizeKey = "Reelmill.SMBWriteSizeInKBytes";
 constexpr const char* kNFSWriteSizeKey = "Reelmill.NFSWriteSizeInKBytes";
 constexpr const char* kTraceCategory = "UnbufferedWriter::OpenExisting()";
@@ -126,8 +129,7 @@ public:
         {
             return WriteBlocks(data, length);
         }
-        std::memcpy(mAlignedBuffer + mBufferCurrentPos, data, length);
-        mBufferCurrentPos += length;
+        Append(data, length);
         return Tolbin::kResultSuccess;
     }
 
@@ -152,6 +154,20 @@ public:
     std::size_t GetBlockRoom() override { return mBufferedWriteSize - mBufferCurrentPos; }
 
 private:
+    void Append(const char* inData, std::size_t inSize)
+    {
+        char* const place = mAlignedBuffer + mBufferCurrentPos;
+        if (inSize < kStreamingSize)
+        {
+            std::memcpy(place, inData, inSize);
+        }
+        else
+        {
+            QT::StreamingCopy(place, inData, inSize);
+        }
+        mBufferCurrentPos += inSize;
+    }
+
     //! `Write`, when a block becomes full; apart, so that what nearly every sample passes through stays small.
     [[gnu::noinline]] Tolbin::Result WriteBlocks(const char* data, std::size_t length)
     {
@@ -159,8 +175,7 @@ private:
         while (length != 0)
         {
             const std::size_t count = std::min(length, GetBlockRoom());
-            std::memcpy(mAlignedBuffer + mBufferCurrentPos, data, count);
-            mBufferCurrentPos += count;
+            Append(data, count);
             TOLBIN_ASSERT(mBufferCurrentPos <= mBufferedWriteSize, "");
             if (mBufferCurrentPos == mBufferedWriteSize)
             {
@@ -207,6 +222,7 @@ private:
 
     Tolbin::Result WriteBlock(const boost::shared_ptr<Ventra::File>& inFile)
     {
+        QT::FinishStreamingCopies();
         unsigned int bytesWritten = 0;
         return VentraFileWriteChk::Write(inFile, mAlignedBuffer, static_cast<unsigned int>(mBufferCurrentPos),
                                          bytesWritten);

@@ -146,6 +146,18 @@ TEST_F(UnbufferedWriterTest, WritesWholeBlocksAndTheTailAtClose)
     }
 }
 
+//! Long pieces are not copied like short ones.
+TEST_F(UnbufferedWriterTest, PiecesOfAnyLengthArriveAtAnyPlace)
+{
+    ASSERT_EQ(Open(volume), 0);
+    for (std::size_t length = 1; length < 700; ++length)
+    {
+        ASSERT_EQ(Write(length), 0);
+    }
+    ASSERT_EQ(writer->Close(), 0);
+    EXPECT_SAME_BYTES(ReadFile(directory.Path("media")), Expected());
+}
+
 TEST_F(UnbufferedWriterTest, BlocksAreAlignedToTheSector)
 {
     struct Row
