@@ -19,6 +19,12 @@ testPackages=(
     strace mount e2fsprogs xfsprogs btrfs-progs
     libbenchmark-dev valgrind
 )
+# The peers that the benchmark runs beside.
+benchPackages=(
+    libavformat-dev libquicktime-dev
+    libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-good
+    nlohmann-json3-dev python3
+)
 showPackages=(ffmpeg)
 fuzzPackages=(clang libclang-rt-14-dev)
 checkPackages=("${fuzzPackages[@]}" clang-format clang-tidy clang-tools valgrind)

@@ -1,0 +1,260 @@
+// What the machine asks for the same bytes: the bare operations that a writer is made of, each in its best form.
+
+#include "Contestant.h"
+#include "Memory.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <system_error>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::size_t kBlockSize = 20u << 20;
+constexpr std::size_t kSectorSize = 4096;
+constexpr std::size_t kRecordSize = 32;
+
+[[noreturn]] void Fail(const std::string& inWhat)
+{
+    throw std::system_error(errno, std::generic_category(), inWhat);
+}
+
+class OutputFile
+{
+public:
+    OutputFile(const std::string& inPath, int inFlags)
+        : mPath(inPath), mFile(open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | inFlags, 0666))
+    {
+        if (mFile < 0)
+        {
+            Fail(mPath);
+        }
+    }
+    ~OutputFile() { static_cast<void>(close(mFile)); } // It is brought to the device, and looked at, later.
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    void Write(const char* inData, std::size_t inSize)
+    {
+        while (inSize != 0)
+        {
+            const ssize_t written = write(mFile, inData, inSize);
+            if (written < 0)
+            {
+                Fail(mPath);
+            }
+            inData += written;
+            inSize -= static_cast<std::size_t>(written);
+        }
+    }
+
+    void SetSize(std::uint64_t inSize)
+    {
+        if (ftruncate(mFile, static_cast<off_t>(inSize)) != 0)
+        {
+            Fail(mPath);
+        }
+    }
+
+private:
+    std::string mPath;
+    int mFile;
+};
+
+//! Blocks written around the cache; the last one is cut behind its whole sectors.
+class BlockOutput
+{
+public:
+    BlockOutput(const Bench::Load& inLoad, const std::string& inPath)
+        : mFile(inPath, O_DIRECT), mMediaSize(inLoad.MediaSize()), mBlock(kBlockSize)
+    {
+    }
+
+    char* Block() { return mBlock.Data(); }
+
+    void Write(std::size_t inSize)
+    {
+        mFile.Write(mBlock.Data(), (inSize + kSectorSize - 1) / kSectorSize * kSectorSize);
+    }
+
+    void Finish() { mFile.SetSize(mMediaSize); }
+
+private:
+    OutputFile mFile;
+    std::uint64_t mMediaSize;
+    Bench::Memory mBlock;
+};
+
+//! Direct writes of one block again and again.
+class Direct final : public Bench::Contestant
+{
+public:
+    void Create(const Bench::Load& inLoad, const std::string& inPath) override
+    {
+        mOutput = std::make_unique<BlockOutput>(inLoad, inPath);
+        std::memset(mOutput->Block(), 'x', kBlockSize);
+    }
+
+    void Write(const Bench::Load& inLoad) override
+    {
+        for (std::uint64_t left = inLoad.MediaSize(); left != 0;)
+        {
+            const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, kBlockSize));
+            mOutput->Write(size);
+            left -= size;
+        }
+    }
+
+    void Close() override
+    {
+        mOutput->Finish();
+        mOutput.reset();
+    }
+
+private:
+    std::unique_ptr<BlockOutput> mOutput;
+};
+
+//! Copies all pieces into one block, and calls `inWrite(size)` whenever it is full and for the rest.
+template <class Write>
+void CopyPieces(const Bench::Load& inLoad, char* inBlock, Write inWrite)
+{
+    std::size_t position = 0;
+    inLoad.ForEach([&](const Bench::Piece& inPiece, const unsigned char* inData) {
+        for (std::size_t left = inPiece.size; left != 0;)
+        {
+            const std::size_t count = std::min(left, kBlockSize - position);
+            std::memcpy(inBlock + position, inData, count);
+            position += count;
+            inData += count;
+            left -= count;
+            if (position == kBlockSize)
+            {
+                inWrite(kBlockSize);
+                position = 0;
+            }
+        }
+    });
+    inWrite(position);
+}
+
+//! The same with one copy in front of each write: the least that collecting samples in blocks can cost.
+class CopyDirect final : public Bench::Contestant
+{
+public:
+    void Create(const Bench::Load& inLoad, const std::string& inPath) override
+    {
+        mOutput = std::make_unique<BlockOutput>(inLoad, inPath);
+    }
+
+    void Write(const Bench::Load& inLoad) override
+    {
+        CopyPieces(inLoad, mOutput->Block(), [this](std::size_t inSize) { mOutput->Write(inSize); });
+    }
+
+    void Close() override
+    {
+        mOutput->Finish();
+        mOutput.reset();
+    }
+
+private:
+    std::unique_ptr<BlockOutput> mOutput;
+};
+
+class WithoutFile : public Bench::Contestant
+{
+public:
+    void Create(const Bench::Load&, const std::string&) override {}
+    void Close() override {}
+    std::uint64_t LeastFileSize(const Bench::Load&) const override { return 0; }
+};
+
+class Copy final : public WithoutFile
+{
+public:
+    void Write(const Bench::Load& inLoad) override
+    {
+        const Bench::Memory block(kBlockSize);
+        CopyPieces(inLoad, block.Data(), [](std::size_t) {});
+    }
+};
+
+//! What remembering the samples costs: a record of each, appended.
+class Records final : public WithoutFile
+{
+public:
+    void Write(const Bench::Load& inLoad) override
+    {
+        const Bench::Memory records(inLoad.PieceCount() * kRecordSize);
+        std::size_t place = 0;
+        std::uint64_t offset = 0;
+        inLoad.ForEach([&](const Bench::Piece& inPiece, const unsigned char*) {
+            const std::uint64_t record[] = {offset, inPiece.size, static_cast<std::uint64_t>(inPiece.sampleDuration),
+                                            0};
+            static_assert(sizeof(record) == kRecordSize);
+            std::memcpy(records.Data() + place, record, kRecordSize);
+            place += kRecordSize;
+            offset += inPiece.size;
+        });
+        static_cast<const volatile char*>(records.Data())[0]; // So that nobody leaves the records out.
+    }
+};
+
+//! What storing the tables costs, all of it in `Close`: one write through the cache, of bytes that are there, or that
+//! are stored in new memory first.
+class Tables final : public Bench::Contestant
+{
+public:
+    explicit Tables(bool inAreThere) : mAreThere(inAreThere) {}
+
+    void Create(const Bench::Load& inLoad, const std::string& inPath) override
+    {
+        mFile = std::make_unique<OutputFile>(inPath, 0);
+        mTables = std::make_unique<Bench::Memory>(inLoad.TableSize());
+    }
+
+    void Write(const Bench::Load&) override
+    {
+        if (mAreThere)
+        {
+            Store();
+        }
+    }
+
+    void Close() override
+    {
+        if (!mAreThere)
+        {
+            Store();
+        }
+        mFile->Write(mTables->Data(), mTables->Size());
+        mFile.reset();
+    }
+
+    std::uint64_t LeastFileSize(const Bench::Load& inLoad) const override { return inLoad.TableSize(); }
+
+private:
+    void Store() { std::memset(mTables->Data(), 'x', mTables->Size()); }
+
+    bool mAreThere;
+    std::unique_ptr<OutputFile> mFile;
+    std::unique_ptr<Bench::Memory> mTables;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    return Bench::Run(argc, argv,
+                      {{"direct", [] { return std::make_unique<Direct>(); }},
+                       {"copy-direct", [] { return std::make_unique<CopyDirect>(); }},
+                       {"copy", [] { return std::make_unique<Copy>(); }},
+                       {"records", [] { return std::make_unique<Records>(); }},
+                       {"tables", [] { return std::make_unique<Tables>(true); }},
+                       {"new-tables", [] { return std::make_unique<Tables>(false); }}});
+}
