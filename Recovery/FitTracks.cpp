@@ -27,6 +27,7 @@ void Lengthen(TrackRec& ioTrack, std::int64_t inBy)
     MediaSampleRec& last = ioTrack.samples.back();
     last.sampleDuration = static_cast<std::int32_t>(last.sampleDuration + inBy);
     ioTrack.duration = static_cast<std::int32_t>(ioTrack.duration + inBy);
+    ioTrack.summary = {};
 }
 
 //! Leaves alone what is no track of its kind: samples of several at once, durations beyond their field. Returns how many

@@ -371,12 +371,14 @@ private:
     {
         bool isMeantToHave = false;
         bool has = false;
+        bool hasSamples = false;
         for (const auto& [trackID, track] : mWriter->GetTracks())
         {
             isMeantToHave = isMeantToHave || IsMedia(track);
             has = has || (IsMedia(track) && !track.samples.empty());
+            hasSamples = hasSamples || !track.samples.empty();
         }
-        return isMeantToHave ? has : mReport.samplesKept > 0;
+        return isMeantToHave ? has : hasSamples && mReport.samplesKept > 0;
     }
 
     //! Whether a track lists so many samples without bytes beside others that no movie of this size can mean them.

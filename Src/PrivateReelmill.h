@@ -176,6 +176,7 @@ inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
 [[gnu::always_inline]] inline void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
 {
     ioTrack.samples.emplace_back() = inSample;
+    ioTrack.summary.Add(inSample);
     const auto newDuration =
         static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
     TOLBIN_ASSERT(

@@ -301,6 +301,40 @@ Sink SampleTables::Walk(Sink inSink) const
 
 SampleTables::SampleTables(const TrackRec& inTrack) : mRecords(&inTrack.samples), mIsMerged(inTrack.explicitChunking)
 {
+    if (!MeasureBySummary(inTrack.summary))
+    {
+        MeasureByRecords();
+    }
+}
+
+//! False for a track that is not ordinary enough: then nothing has changed.
+bool SampleTables::MeasureBySummary(const SampleSummary& inSummary)
+{
+    const std::uint64_t records = mRecords->size();
+    if (mIsMerged || records == 0 || inSummary.recordCount != records || inSummary.sampleCount < 1 ||
+        inSummary.otherTimes != 0)
+    {
+        return false;
+    }
+    // Several samples in a record may be of one size though the sizes of data are not; a count of samples beyond its
+    // field may come out as none.
+    const std::uint64_t samples = records * static_cast<std::uint64_t>(inSummary.sampleCount);
+    if ((inSummary.sampleCount > 1 && inSummary.otherSizes != 0) || samples > 0xFFFFFFFF)
+    {
+        return false;
+    }
+    mSampleCount = samples;
+    mTimeCount = 1;
+    mRunCount = 1;
+    mChunkCount = records;
+    mUniformSize = SizePerSample(mRecords->front());
+    mIsUniform = inSummary.otherSizes == 0;
+    mNeeds64Bits = mRecords->back().fileOffset > 0xFFFFFFFF; // They only grow.
+    return true;
+}
+
+void SampleTables::MeasureByRecords()
+{
     Counter counter;
     counter.firstSize = mRecords->empty() ? 0 : SizePerSample(mRecords->front());
     counter = Walk(counter);

@@ -10,8 +10,9 @@ namespace QT
 {
 
 //! The sample tables of one track: 'stts', 'stsc', 'stsz', and 'stco' or 'co64'. They are most of a long movie's 'moov', so
-//! nothing is collected on the way: one pass over the records finds how long each table gets, a second one stores every
-//! entry where it ends. In between the records must stay as they are.
+//! nothing is collected on the way: first it is found out how long each table gets, for ordinary tracks from the summary
+//! and for others in a pass over the records; then a pass stores every entry where it ends. In between the records must
+//! stay as they are.
 class SampleTables
 {
 public:
@@ -47,6 +48,9 @@ public:
 private:
     struct Counter;
     class Writer;
+
+    bool MeasureBySummary(const SampleSummary& inSummary);
+    void MeasureByRecords();
 
     template <typename Sink>
     Sink Walk(Sink inSink) const;

@@ -29,6 +29,31 @@ static_assert(sizeof(MediaSampleRec) == 32);
 
 using MediaSampleVector = std::vector<MediaSampleRec, Tolbin::allocator::STLAllocator<MediaSampleRec>>;
 
+//! What the records of a track have in common, kept as they are added. The tables of an ordinary track, whose records all
+//! hold as many samples of one duration, are measured by it alone.
+struct SampleSummary
+{
+    std::uint64_t recordCount = 0; //!< Records that were added. Others than the track has: it tells nothing.
+    std::int32_t sampleCount = 0;  //!< Of the first record, as the next two.
+    std::int32_t sampleDuration = 0;
+    std::int32_t dataSize = 0;
+    std::int32_t otherTimes = 0; //!< Bits in which any count or duration is another than the first.
+    std::int32_t otherSizes = 0; //!< The same for the sizes of data.
+
+    void Add(const MediaSampleRec& inRecord)
+    {
+        if (recordCount == 0)
+        {
+            sampleCount = inRecord.sampleCount;
+            sampleDuration = inRecord.sampleDuration;
+            dataSize = inRecord.dataSize;
+        }
+        ++recordCount;
+        otherTimes |= (inRecord.sampleCount ^ sampleCount) | (inRecord.sampleDuration ^ sampleDuration);
+        otherSizes |= inRecord.dataSize ^ dataSize;
+    }
+};
+
 //! One track of a movie that is being written.
 struct TrackRec
 {
@@ -52,6 +77,7 @@ struct TrackRec
     std::map<int, Tolbin::utility::BinaryDataArray> userData; //!< By four-character type.
     boost::shared_ptr<QTSampleDescription> sampleDescription;
     MediaSampleVector samples;     //!< In order of the calls.
+    SampleSummary summary;         //!< To be cleared by whoever changes records that were added.
     bool explicitChunking = false; //!< Chunks merge what lies back to back, up to the records that end one.
 };
 
