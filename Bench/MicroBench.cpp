@@ -152,7 +152,8 @@ void AddSamples(const NullMovie& inMovie, std::int64_t inSamples)
     data.fill('x');
     for (std::int64_t i = 0; i < inSamples; ++i)
     {
-        Check(inMovie.writer->AddMediaSample(inMovie.tracks.front(), data.data(), i % 2 == 0 ? 16 : 20, 1, 1, 0, false));
+        Check(
+            inMovie.writer->AddMediaSample(inMovie.tracks.front(), data.data(), i % 2 == 0 ? 16 : 20, 1, 1, 0, false));
     }
 }
 
