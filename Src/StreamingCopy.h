@@ -29,7 +29,7 @@ inline void StreamingCopy(char* outData, const char* inData, std::size_t inSize)
         inSize -= inFront;
         for (; inSize >= kLine; inSize -= kLine, outData += kLine, inData += kLine)
         {
-            _mm_prefetch(inData + kAhead, _MM_HINT_T0); // Beyond the end it is harmless.
+            _mm_prefetch(inData + kAhead, _MM_HINT_T1); // Beyond the end it is harmless.
             const auto* const from = reinterpret_cast<const __m128i*>(inData);
             auto* const to = reinterpret_cast<__m128i*>(outData);
             const __m128i a = _mm_loadu_si128(from);
