@@ -45,7 +45,7 @@ BinaryDataArray AtomBytes(const Record* inAtom)
     return {bytes, bytes + TO_BIG(inAtom->header.atomSize)};
 }
 
-Tables MakeTables(QT::TrackRec inTrack)
+Tables MakeTablesOnce(QT::TrackRec& inTrack)
 {
     QT::SampleTableItemsRec items;
     EXPECT_EQ(QT::MakeSampleTableItems(inTrack, items), 0);
@@ -53,6 +53,24 @@ Tables MakeTables(QT::TrackRec inTrack)
                   AtomBytes(items.sampleToChunkAtom), AtomBytes(items.chunkOffsetAtom),
                   AtomBytes(items.chunkOffset64Atom)};
     QT::DisposeSampleTableItems(items);
+    return tables;
+}
+
+//! The tables, which are the same whether the track has the summary of its records or not.
+Tables MakeTables(QT::TrackRec inTrack)
+{
+    Tables tables = MakeTablesOnce(inTrack);
+    for (const QT::MediaSampleRec& record : inTrack.samples)
+    {
+        inTrack.summary.Add(record);
+    }
+    const ReportCapture reports; // They were made once.
+    const Tables again = MakeTablesOnce(inTrack);
+    EXPECT_SAME_BYTES(again.stsz, tables.stsz);
+    EXPECT_SAME_BYTES(again.stts, tables.stts);
+    EXPECT_SAME_BYTES(again.stsc, tables.stsc);
+    EXPECT_SAME_BYTES(again.stco, tables.stco);
+    EXPECT_SAME_BYTES(again.co64, tables.co64);
     return tables;
 }
 
@@ -101,6 +119,11 @@ const Row kRows[] = {
     {"CountsAddUpIn32Bits", false, {Sample(0, 0x7FFFFFFF, 0, 0), Sample(0, 0x7FFFFFFF, 0, 0), Sample(0, 3, 0, 0)},
      "#24 'stts' #0 #1 #1 #0", "#40 'stsc' #0 #2 #1 #2147483647 #1 #3 #3 #1", "#20 'stsz' #0 #0 #1",
      "#28 'stco' #0 #3 #0 #0 #0", ""},
+    {"CountsAddUpToNoneIn32Bits", false,
+     {Sample(0, 0x40000000, 0, 0), Sample(0, 0x40000000, 0, 0), Sample(0, 0x40000000, 0, 0), Sample(0, 0x40000000, 0, 0)},
+     "#16 'stts' #0 #0", "#28 'stsc' #0 #1 #1 #1073741824 #1", "#20 'stsz' #0 #0 #0", "#32 'stco' #0 #4 #0 #0 #0 #0", ""},
+    {"SizesThatDifferByLessThanASample", false, {Sample(0, 2, 5, 20), Sample(20, 2, 5, 21)},
+     "#24 'stts' #0 #1 #4 #5", "#28 'stsc' #0 #1 #1 #2 #1", "#20 'stsz' #0 #10 #4", "#24 'stco' #0 #2 #0 #20", ""},
     {"LastOffsetOf32Bits", false, {Sample(0, 1, 5, 4), Sample(kMax32, 1, 5, 4)},
      "#24 'stts' #0 #1 #2 #5", "#28 'stsc' #0 #1 #1 #1 #1", "#20 'stsz' #0 #4 #2", "#24 'stco' #0 #2 #0 FF FF FF FF", ""},
     {"FirstOffsetOf64Bits", false, {Sample(0, 1, 5, 4), Sample(kMax32 + 1, 1, 5, 4)},
@@ -229,15 +252,17 @@ TEST(SampleTablesOfAnyTrack, LeadAReaderToEverySample)
     {
         const bool explicitChunking = round % 2 != 0;
         const bool uniform = round % 3 == 0;
+        const bool ordinary = round % 5 == 0;
         std::vector<QT::MediaSampleRec> samples;
         std::vector<std::uint64_t> offsets;
         std::int64_t end = 1000;
         for (int i = upTo(40) + 1; i > 0; --i)
         {
             end += upTo(3) == 0 ? upTo(100) : 0;
-            const std::int32_t count = upTo(3) + 1;
+            const std::int32_t count = ordinary ? 1 + round % 2 : upTo(3) + 1;
             const std::int32_t size = uniform ? 7 : upTo(9) + 1;
-            samples.push_back(Sample(end, count, upTo(2) + 1, count * size, explicitChunking && upTo(4) == 0));
+            const std::int32_t duration = ordinary ? 1 : upTo(2) + 1;
+            samples.push_back(Sample(end, count, duration, count * size, explicitChunking && upTo(4) == 0));
             for (std::int32_t j = 0; j < count; ++j)
             {
                 offsets.push_back(static_cast<std::uint64_t>(end + j * size));

@@ -1,3 +1,4 @@
+#include "PrivateReelmill.h"
 #include "Support/AllocationLimit.h"
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
@@ -5,11 +6,15 @@
 #include <Tolbin/FileSupport.h>
 
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <new>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 
@@ -581,6 +586,64 @@ TEST_F(WriterTest, WritersAreIndependent)
     ASSERT_EQ(other->Close(), 0);
     EXPECT_BYTES(MovieAtom("mdat"), "#11 'mdat' 'one'");
     EXPECT_EQ(Big32(FindAtom(ReadFile(directory.Path("other.mov")), "moov/mvhd"), 20), 1000u);
+}
+
+// ---- Long takes -----------------------------------------------------------------------------------------------------
+
+//! For a scope, the process may take so many more bytes of address space than it has.
+class AddressSpaceLimit
+{
+public:
+    explicit AddressSpaceLimit(rlim_t inMore)
+    {
+        getrlimit(RLIMIT_AS, &mBefore);
+        std::ifstream status("/proc/self/statm");
+        rlim_t pages = 0;
+        status >> pages;
+        const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + inMore, mBefore.rlim_max};
+        mIsSet = status && setrlimit(RLIMIT_AS, &limit) == 0;
+    }
+    ~AddressSpaceLimit() { setrlimit(RLIMIT_AS, &mBefore); }
+    AddressSpaceLimit(const AddressSpaceLimit&) = delete;
+    AddressSpaceLimit& operator=(const AddressSpaceLimit&) = delete;
+
+    bool IsSet() const { return mIsSet; }
+
+private:
+    rlimit mBefore{};
+    bool mIsSet = false;
+};
+
+//! Records that outgrow the heap go to address space of their own; where there is little of it, to twice as much as
+//! before.
+TEST_F(MovieTest, RecordsOfALongTakeAreKeptWhateverTheAddressSpace)
+{
+    constexpr int kRecords = 300'000;
+    for (const bool isLimited : {false, true})
+    {
+        std::optional<AddressSpaceLimit> limit;
+        if (isLimited)
+        {
+            limit.emplace(rlim_t{256} << 20);
+            ASSERT_TRUE(limit->IsSet());
+        }
+        QT::PrivateReelmill movie;
+        movie.Resume({600, 0, 0});
+        QT::TrackID track = 0;
+        ASSERT_EQ(movie.NewMovieTrack(QT::kQTMediaTypeVideo, 600, 0, 0, QT::CreateTextDescription(), track), 0);
+        for (int i = 0; i < kRecords; ++i)
+        {
+            movie.RestoreMediaSample(track, 16 * std::int64_t{i}, i % 7, 1, 1);
+        }
+        const QT::MediaSampleVector& samples = movie.GetTracks().at(track).samples;
+        EXPECT_EQ(samples.capacity() > (std::size_t{1} << 20), !isLimited);
+        ASSERT_EQ(samples.size(), std::size_t{kRecords});
+        for (int i = 0; i < kRecords; ++i)
+        {
+            const QT::MediaSampleRec& record = samples[static_cast<std::size_t>(i)];
+            ASSERT_TRUE(record.fileOffset == 16 * std::int64_t{i} && record.dataSize == i % 7) << i;
+        }
+    }
 }
 
 } // namespace
