@@ -2,6 +2,7 @@
 
 #include "Contestant.h"
 #include "Memory.h"
+#include "StreamingCopy.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -119,6 +120,20 @@ private:
     std::unique_ptr<BlockOutput> mOutput;
 };
 
+//! The cheapest copy into memory that a device reads.
+void CopyPiece(char* outData, const char* inData, std::size_t inSize)
+{
+    constexpr std::size_t kStreamingSize = 4096;
+    if (inSize < kStreamingSize)
+    {
+        std::memcpy(outData, inData, inSize);
+    }
+    else
+    {
+        QT::StreamingCopy(outData, inData, inSize);
+    }
+}
+
 //! Copies all pieces into one block, and calls `inWrite(size)` whenever it is full and for the rest.
 template <class Write>
 void CopyPieces(const Bench::Load& inLoad, char* inBlock, Write inWrite)
@@ -128,7 +143,7 @@ void CopyPieces(const Bench::Load& inLoad, char* inBlock, Write inWrite)
         for (std::size_t left = inPiece.size; left != 0;)
         {
             const std::size_t count = std::min(left, kBlockSize - position);
-            std::memcpy(inBlock + position, inData, count);
+            CopyPiece(inBlock + position, reinterpret_cast<const char*>(inData), count);
             position += count;
             inData += count;
             left -= count;

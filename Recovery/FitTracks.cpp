@@ -30,8 +30,8 @@ void Lengthen(TrackRec& ioTrack, std::int64_t inBy)
     ioTrack.summary = {};
 }
 
-//! Leaves alone what is no track of its kind: samples of several at once, durations beyond their field. Returns how many
-//! samples were left out.
+//! Leaves alone what is no track of its kind: samples of several at once, durations beyond their field. Returns how
+//! many samples were left out.
 std::uint64_t FitTrack(TrackRec& ioTrack, std::int64_t inEnd)
 {
     std::uint64_t count = 0;

@@ -17,9 +17,10 @@
 //   record   = sample | kind field*                kind: one byte, below 0x80
 //   sample   = flags [track] [size] [count] [duration] [zeros]
 //
-// Samples that are as the one right before may be a repetition instead. A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
-// bytes and the bytes. A sample's flags say which of its fields are there; what is missing is as in the record before
-// (track) or as in the track's sample before (size, count, duration; 0 each for its first).
+// Samples that are as the one right before may be a repetition instead. A field is an unsigned LEB128 number of at most
+// 64 bits (signed ones as their two's-complement bits), or a number of bytes and the bytes. A sample's flags say which
+// of its fields are there; what is missing is as in the record before (track) or as in the track's sample before (size,
+// count, duration; 0 each for its first).
 //
 // A journal ends where the next frame is not whole: at the end of the file, at a length of 0, at a checksum that does
 // not agree. Everything before that counts.

@@ -253,8 +253,8 @@ void JournalWriter::PutDescription(const StoredDescription& inDescription)
 
 // ---- File -----------------------------------------------------------------------------------------------------------
 
-// On disk afterwards, behind the last whole frame: this one. After a failure perhaps a part of it, which no reader takes
-// for a frame and the next attempt writes over.
+// On disk afterwards, behind the last whole frame: this one. After a failure perhaps a part of it, which no reader
+// takes for a frame and the next attempt writes over.
 Tolbin::Result JournalWriter::Write()
 {
     PutRepeats();

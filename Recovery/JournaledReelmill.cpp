@@ -142,8 +142,9 @@ public:
         const TrackID track = inTrackID - kFirstTrackID;
         if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
         {
+            // Refuses, unless the track came without its record: `Close` fails then.
             return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
-                                           inAuxFlag); // Refuses.
+                                           inAuxFlag);
         }
         if (mFailure < 0)
         {

@@ -471,8 +471,8 @@ Tolbin::Result FinishMovie(PrivateReelmill& ioWriter, const Tolbin::UTF16String&
     return result >= 0 ? file.Sync() : result;
 }
 
-//! One attempt to finish the movie with what lies in front of `inLimit`. `ioFileSize` is where the file is cut first: at
-//! the end of the media, unless an earlier attempt has set it.
+//! One attempt to finish the movie with what lies in front of `inLimit`. `ioFileSize` is where the file is cut first:
+//! at the end of the media, unless an earlier attempt has set it.
 Tolbin::Result TryToRecover(const Tolbin::UTF16String& inMovie, const Tolbin::UTF16String& inJournal, bool inIsDryRun,
                             std::int64_t inLimit, std::int64_t& ioFileSize, RecoveryReport& outReport)
 {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "AtomTree.h"
+#include "AtomNode.h"
 #include "QTDiskTypes.h"
 #include "TrackRec.h"
 #include "UnbufferedWriter.h"
@@ -136,7 +136,7 @@ private:
     Tolbin::Result PatchMediaDataSize();
     Tolbin::Result PlaceMooVAtom(Tolbin::utility::BinaryDataArray& inMooVAtom);
     Tolbin::Result MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack, std::map<TrackID, int>& inTrackIndexByID,
-                                 AtomTree& outTrackAtom);
+                                 AtomNode& outTrackAtom);
     void RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample);
     static void ReserveOneMore(MediaSampleVector& ioSamples);
     static void Grow(MediaSampleVector& ioSamples);
@@ -160,7 +160,7 @@ private:
     Tolbin::Result placeholderResult = Tolbin::kResultSuccess;
 };
 
-// ---- What every sample passes through, inlined: a call would cost as much as what it does -------------------------------
+// ---- What every sample passes through, inlined: a call would cost as much as what it does ---------------------------
 
 //! Makes room for one more record, so that adding it cannot fail.
 inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)

@@ -122,6 +122,9 @@ void MakeUserDataAtom(Tolbin::utility::BinaryDataArray& outAtom,
 
 // ---- Sample tables --------------------------------------------------------------------------------------------------
 
+// The tables by themselves, each in an array of its own. The writer builds them inside 'moov' instead: see
+// `SampleTables`.
+
 //! The sample-table atoms of one track. Each slot that is not null owns an array of `std::uint8_t` as long as its
 //! atom's size says; copies share them, and `DisposeSampleTableItems` frees them.
 struct SampleTableItemsRec
@@ -138,7 +141,6 @@ struct SampleTableItemsRec
 
 //! Builds 'stsz', 'stts', 'stsc' and 'stco' or 'co64' from the track's sample records, each in an array of its own;
 //! overwrites `items` without freeing what it held. On an exception or a failure `items` owns what was built so far.
-//! (The writer does without the arrays: see `SampleTables`.)
 //!
 //! \return 0; `kQTErrTooLarge` when an atom would reach 2 GiB.
 Tolbin::Result MakeSampleTableItems(TrackRec& track, SampleTableItemsRec& items);

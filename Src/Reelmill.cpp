@@ -338,19 +338,20 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     return AddToTrack(*track, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
 }
 
-// Grows geometrically: twofold while growing means copying to another place in the heap, then once to a size that takes
-// address space only, which longer takes than anyone has shot fill without being copied.
+// Doubles while the vector lies in the heap. Beyond, room that is not used is address space only, so that the steps are
+// larger and less is copied. They are not larger still, since a host may have locked all memory that is to come, or
+// have little address space.
 void PrivateReelmill::Grow(MediaSampleVector& ioSamples)
 {
     constexpr std::size_t kFirstCapacity = 64;
     constexpr std::size_t kMappedCapacity = Tolbin::allocator::MemoryRecycler::kMappedSize / sizeof(MediaSampleRec);
-    constexpr std::size_t kFarCapacity = 512 * kMappedCapacity; // 1 GiB; 77 hours of 120 records a second.
+    constexpr std::size_t kFarCapacity = 32 * kMappedCapacity; // 64 MiB; 4.8 hours of 120 records a second.
     const std::size_t twice = std::max(kFirstCapacity, 2 * ioSamples.capacity());
-    if (twice >= kMappedCapacity && twice < kFarCapacity)
+    if (twice >= kMappedCapacity)
     {
         try
         {
-            ioSamples.reserve(kFarCapacity);
+            ioSamples.reserve(std::max(kFarCapacity, 2 * twice));
             return;
         }
         catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the process may not have that much address space.
@@ -583,8 +584,8 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
         qtn_MovieHeaderAtom movieHeader;
         MakeMovieHeader(movieHeader, movieTimeScale, GetMovieDuration(), static_cast<int>(tracks.size()), creationTime);
 
-        std::vector<AtomTree> children;
-        children.push_back(AtomTree::FromRecord(movieHeader));
+        std::vector<AtomNode> children;
+        children.push_back(AtomNode::FromRecord(movieHeader));
         for (auto& [trackID, track] : tracks)
         {
             const Tolbin::Result result = MakeTrackAtom(trackID, track, trackIndexByID, children.emplace_back());
@@ -599,8 +600,8 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
             MakeUserDataAtom(userDataAtom, userData);
             children.emplace_back(std::move(userDataAtom));
         }
-        AtomTree movie;
-        const Tolbin::Result result = AtomTree::MakeContainer(FourCC("moov"), std::move(children), movie);
+        AtomNode movie;
+        const Tolbin::Result result = AtomNode::MakeContainer(FourCC("moov"), std::move(children), movie);
         if (result < 0)
         {
             return result;
@@ -623,7 +624,7 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
 // 'trak': 'tkhd', ['tapt'], ['load'], 'edts', ['tref'], 'mdia' ('mdhd', 'hdlr', 'minf'), ['udta']; 'minf': media
 // header, data 'hdlr', 'dinf', 'stbl'. Built from the inside out.
 Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTrack,
-                                              std::map<TrackID, int>& inTrackIndexByID, AtomTree& outTrackAtom)
+                                              std::map<TrackID, int>& inTrackIndexByID, AtomNode& outTrackAtom)
 {
     using Tolbin::utility::BinaryDataArray;
 
@@ -660,11 +661,11 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     {
         return result;
     }
-    std::vector<AtomTree> children;
+    std::vector<AtomNode> children;
     children.emplace_back(std::move(descriptionAtom));
     children.emplace_back(tables);
-    AtomTree sampleTable;
-    result = AtomTree::MakeContainer(FourCC("stbl"), std::move(children), sampleTable);
+    AtomNode sampleTable;
+    result = AtomNode::MakeContainer(FourCC("stbl"), std::move(children), sampleTable);
     if (result < 0)
     {
         return result;
@@ -674,21 +675,21 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     MakeMediaSpecificMediaInfoHeaderAtom(mediaInfoHeader, inTrack.mediaType);
     children.clear();
     children.emplace_back(std::move(mediaInfoHeader));
-    children.push_back(AtomTree::FromRecord(dataHandler));
-    children.push_back(AtomTree::FromRecord(dataInfo));
+    children.push_back(AtomNode::FromRecord(dataHandler));
+    children.push_back(AtomNode::FromRecord(dataInfo));
     children.push_back(std::move(sampleTable));
-    AtomTree mediaInfo;
-    result = AtomTree::MakeContainer(FourCC("minf"), std::move(children), mediaInfo);
+    AtomNode mediaInfo;
+    result = AtomNode::MakeContainer(FourCC("minf"), std::move(children), mediaInfo);
     if (result < 0)
     {
         return result;
     }
     children.clear();
-    children.push_back(AtomTree::FromRecord(mediaHeader));
+    children.push_back(AtomNode::FromRecord(mediaHeader));
     children.emplace_back(std::move(mediaHandler));
     children.push_back(std::move(mediaInfo));
-    AtomTree media;
-    result = AtomTree::MakeContainer(FourCC("mdia"), std::move(children), media);
+    AtomNode media;
+    result = AtomNode::MakeContainer(FourCC("mdia"), std::move(children), media);
     if (result < 0)
     {
         return result;
@@ -698,7 +699,7 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     MakeTrackHeaderAtom(trackHeader, movieTimeScale, inTrack.timeScale, inTrackIndexByID[inTrackID], inTrack.mediaType,
                         inTrack.width, inTrack.height, inTrack.duration, inTrack.trimIn, creationTime);
     children.clear();
-    children.push_back(AtomTree::FromRecord(trackHeader));
+    children.push_back(AtomNode::FromRecord(trackHeader));
     BinaryDataArray aperture;
     MakeOptionalTrackApertureAtom(inTrack.sampleDescription, inTrack.mediaType, aperture);
     if (!aperture.empty())
@@ -707,7 +708,7 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
     }
     if (inTrack.mediaType == kQTMediaTypeVideo)
     {
-        children.push_back(AtomTree::FromRecord(qtn_TrackLoadSettingsAtom{}));
+        children.push_back(AtomNode::FromRecord(qtn_TrackLoadSettingsAtom{}));
     }
     BinaryDataArray edits;
     MakeEditsAtom(edits, movieTimeScale, inTrack.timeScale, inTrack.duration, inTrack.trimIn);
@@ -725,7 +726,7 @@ Tolbin::Result PrivateReelmill::MakeTrackAtom(TrackID inTrackID, TrackRec& inTra
         MakeUserDataAtom(userDataAtom, inTrack.userData);
         children.emplace_back(std::move(userDataAtom));
     }
-    return AtomTree::MakeContainer(FourCC("trak"), std::move(children), outTrackAtom);
+    return AtomNode::MakeContainer(FourCC("trak"), std::move(children), outTrackAtom);
 }
 
 // ---- A movie that is in the file already ----------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include "QTAtomRecords.h"
 
 #include <Reelmill/QTTypes.h>
+#include <Tolbin/Debug.h>
 
 #include <algorithm>
 #include <new>
@@ -269,6 +270,13 @@ public:
         }
     }
 
+    //! Whether the tables end there, as they were measured.
+    bool IsAt(const Places& inEnds) const
+    {
+        return mTimes == inEnds.timeToSample && mRuns == inEnds.sampleToChunk && mSizes == inEnds.sampleSize &&
+               mOffsets == inEnds.chunkOffset;
+    }
+
 private:
     bool mIsUniform;
     bool mNeeds64Bits;
@@ -382,7 +390,11 @@ std::uint64_t SampleTables::GetSize() const
 
 void SampleTables::Write(const Places& inPlaces) const
 {
-    Walk(Writer(*this, inPlaces));
+    const Writer writer = Walk(Writer(*this, inPlaces));
+    TOLBIN_ASSERT(
+        writer.IsAt({inPlaces.timeToSample + GetTimeToSampleSize(), inPlaces.sampleToChunk + GetSampleToChunkSize(),
+                     inPlaces.sampleSize + GetSampleSizeSize(), inPlaces.chunkOffset + GetChunkOffsetSize()}),
+        "");
 }
 
 void SampleTables::Write(std::uint8_t* outAtoms) const

@@ -9,10 +9,10 @@
 namespace QT
 {
 
-//! The sample tables of one track: 'stts', 'stsc', 'stsz', and 'stco' or 'co64'. They are most of a long movie's 'moov', so
-//! nothing is collected on the way: first it is found out how long each table gets, for ordinary tracks from the summary
-//! and for others in a pass over the records; then a pass stores every entry where it ends. In between the records must
-//! stay as they are.
+//! The sample tables of one track: 'stts', 'stsc', 'stsz', and 'stco' or 'co64'. They are most of a long movie's
+//! 'moov', so nothing is collected on the way: first it is found out how long each table gets, for ordinary tracks from
+//! the summary and for others in a pass over the records; then a pass stores every entry where it ends. In between the
+//! records must stay as they are.
 class SampleTables
 {
 public:

@@ -11,9 +11,9 @@
 namespace QT
 {
 
-//! Copies bytes that this processor will not look at again, past its caches if it can. Memory that a device has read in
-//! between is dear to write through them: each line is fetched first, only to be written over.
-//! `FinishStreamingCopies` comes before anyone else reads them.
+//! Copies bytes that a device reads next, past the processor's caches if it can. Memory that the device has read before
+//! is dear to write through them: each line is fetched first, only to be written over. What other threads and the
+//! device are told of afterwards they find there, as after any copy.
 inline void StreamingCopy(char* outData, const char* inData, std::size_t inSize)
 {
 #if defined(__SSE2__)
@@ -41,17 +41,10 @@ inline void StreamingCopy(char* outData, const char* inData, std::size_t inSize)
             _mm_stream_si128(to + 2, c);
             _mm_stream_si128(to + 3, d);
         }
+        _mm_sfence(); // Such stores may otherwise pass by those that hand the block over to another thread.
     }
 #endif
     std::memcpy(outData, inData, inSize);
-}
-
-//! Lets all streaming copies of this thread arrive in memory.
-inline void FinishStreamingCopies()
-{
-#if defined(__SSE2__)
-    _mm_sfence();
-#endif
 }
 
 } // namespace QT

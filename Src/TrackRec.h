@@ -29,11 +29,11 @@ static_assert(sizeof(MediaSampleRec) == 32);
 
 using MediaSampleVector = std::vector<MediaSampleRec, Tolbin::allocator::STLAllocator<MediaSampleRec>>;
 
-//! What the records of a track have in common, kept as they are added. The tables of an ordinary track, whose records all
-//! hold as many samples of one duration, are measured by it alone.
+//! What the records of a track have in common, kept as they are added. The tables of an ordinary track, whose records
+//! all hold as many samples of one duration, are measured by it alone.
 struct SampleSummary
 {
-    std::uint64_t recordCount = 0; //!< Records that were added. Others than the track has: it tells nothing.
+    std::uint64_t recordCount = 0; //!< Where the track has another number of records, the summary tells nothing.
     std::int32_t sampleCount = 0;  //!< Of the first record, as the next two.
     std::int32_t sampleDuration = 0;
     std::int32_t dataSize = 0;

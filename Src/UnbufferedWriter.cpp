@@ -19,7 +19,9 @@ namespace
 {
 
 constexpr std::uint32_t kDefaultBlockSize = 20u << 20;
-constexpr std::size_t kStreamingSize = 256; //!< Smaller pieces leave lines of the block half written.
+// From these sizes on, of a piece and of the block, a streaming copy is the cheaper one.
+constexpr std::size_t kStreamingSize = 4096;
+constexpr std::size_t kStreamedBlockSize = 4u << 20;
 constexpr const char* kSMBWriteSizeKey = "Reelmill.SMBWriteSizeInKBytes";
 constexpr const char* kNFSWriteSizeKey = "Reelmill.NFSWriteSizeInKBytes";
 constexpr const char* kTraceCategory = "UnbufferedWriter::OpenExisting()";
@@ -157,13 +159,13 @@ private:
     void Append(const char* inData, std::size_t inSize)
     {
         char* const place = mAlignedBuffer + mBufferCurrentPos;
-        if (inSize < kStreamingSize)
+        if (inSize >= kStreamingSize && mBufferedWriteSize >= kStreamedBlockSize)
         {
-            std::memcpy(place, inData, inSize);
+            QT::StreamingCopy(place, inData, inSize);
         }
         else
         {
-            QT::StreamingCopy(place, inData, inSize);
+            std::memcpy(place, inData, inSize);
         }
         mBufferCurrentPos += inSize;
     }
@@ -222,7 +224,6 @@ private:
 
     Tolbin::Result WriteBlock(const boost::shared_ptr<Ventra::File>& inFile)
     {
-        QT::FinishStreamingCopies();
         unsigned int bytesWritten = 0;
         return VentraFileWriteChk::Write(inFile, mAlignedBuffer, static_cast<unsigned int>(mBufferCurrentPos),
                                          bytesWritten);

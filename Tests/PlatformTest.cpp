@@ -6,6 +6,7 @@
 #include "Support/TempDirectory.h"
 
 #include <Reelmill/QTTypes.h>
+#include <Tolbin/Allocator.h>
 #include <Tolbin/Config.h>
 #include <Tolbin/FileSupport.h>
 #include <Ventra/DiskUtils.h>
@@ -655,6 +656,32 @@ TEST(ThrowError, CarriesTextAndNumbers)
         EXPECT_EQ(error.GetLevel(), 3);
         EXPECT_EQ(error.GetDomain(), 1);
         EXPECT_EQ(error.GetCode(), 2);
+    }
+}
+
+// ---- Memory ---------------------------------------------------------------------------------------------------------
+
+TEST(MemoryRecycler, GivesBackAllOfALargeBlockAndRefusesWhatCannotBe)
+{
+    using Tolbin::allocator::MemoryRecycler;
+    const auto pages = [] {
+        std::ifstream status("/proc/self/statm");
+        std::size_t count = 0;
+        status >> count;
+        return count;
+    };
+    constexpr std::size_t kSize = 64 * MemoryRecycler::kMappedSize + 1;
+    const std::size_t before = pages();
+    for (int i = 0; i < 10; ++i)
+    {
+        auto* const block = static_cast<char*>(MemoryRecycler::Allocate(kSize));
+        EXPECT_EQ(block[0] + block[kSize - 1], 0) << "all of it can be touched";
+        MemoryRecycler::Recycle(block, kSize);
+    }
+    EXPECT_LT(pages(), before + kSize / 4096);
+    for (const std::size_t size : {~std::size_t{0}, ~std::size_t{0} / 2, ~std::size_t{0} - (1u << 20)})
+    {
+        EXPECT_THROW(MemoryRecycler::Allocate(size), std::bad_alloc) << size;
     }
 }
 

@@ -412,7 +412,7 @@ TEST_F(Recovery, SideTracksEndWithPictureAndSound)
 {
     const auto journaled = QT::CreateJournaledReelmill();
     ASSERT_EQ(journaled->Create(path, 100), 0);
-    QT::TrackID video = 0, timecode = 0, shortTimecode = 0, chapters = 0;
+    QT::TrackID video = 0, timecode = 0, shortTimecode = 0, chapters = 0, shortened = 0, dropped = 0;
     ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
     ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
                                        QT::CreateTimecodeDescription(25, 1, 25, false), timecode),
@@ -420,8 +420,17 @@ TEST_F(Recovery, SideTracksEndWithPictureAndSound)
     ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeTimecode, 25, 0, 0,
                                        QT::CreateTimecodeDescription(25, 1, 25, false), shortTimecode),
               0);
-    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeText, 1000, 0, 0, QT::CreateTextDescription(), chapters), 0);
+    for (QT::TrackID* const text : {&chapters, &shortened, &dropped})
+    {
+        ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeText, 1000, 0, 0, QT::CreateTextDescription(), *text), 0);
+    }
     char counter[4] = {0, 0, 0, 1};
+    for (const int size : {1, 1, 2})
+    {
+        ASSERT_EQ(journaled->AddMediaSample(dropped, counter, size, 1, 980, 0, false), 0);
+    }
+    ASSERT_EQ(journaled->AddMediaSample(shortened, counter, 1, 1, 1000, 0, false), 0);
+    ASSERT_EQ(journaled->AddMediaSample(shortened, counter, 1, 1, 1000, 0, false), 0);
     ASSERT_EQ(journaled->AddMediaSample(timecode, counter, 4, 1, 25 * 3600, 0, false), 0);
     ASSERT_EQ(journaled->AddMediaSample(shortTimecode, counter, 4, 1, 1, 0, false), 0);
     ASSERT_EQ(journaled->AddTextMediaSample(chapters, u"One", 100), 0);
@@ -434,13 +443,16 @@ TEST_F(Recovery, SideTracksEndWithPictureAndSound)
     }
     RecoveryReport report;
     ASSERT_EQ(Recover(report), 0);
-    EXPECT_EQ(report.samplesKept, 49u + 5u) << "12 blocks of 4096 bytes hold the small samples and 49 frames";
-    EXPECT_EQ(report.samplesCut, 1u) << "the third chapter";
+    EXPECT_EQ(report.samplesKept, 49u + 10u) << "12 blocks of 4096 bytes hold the small samples and 49 frames";
+    EXPECT_EQ(report.samplesCut, 2u) << "the third chapter, and the third text of two";
     EXPECT_EQ(report.movieDuration, 49 * 4);
     const BinaryDataArray movie = Movie();
     EXPECT_BYTES(FindAtom(movie, "moov/trak[1]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
     EXPECT_BYTES(FindAtom(movie, "moov/trak[2]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #1 #49");
     EXPECT_BYTES(FindAtom(movie, "moov/trak[3]/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #100 #1 #1860");
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[4]/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #1000 #1 #960");
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[5]/mdia/minf/stbl/stts"), "#24 'stts' #0 #1 #2 #980");
+    EXPECT_BYTES(FindAtom(movie, "moov/trak[5]/mdia/minf/stbl/stsz"), "#20 'stsz' #0 #1 #2");
 }
 
 //! A block holds a record of sound and the beginning of the next.
@@ -483,6 +495,30 @@ TEST_F(Recovery, RecordsAreKeptInPart)
     }
 }
 
+//! Zeros at the end of a file are what was written only where the sample ends with so many.
+TEST_F(Recovery, ZerosInPlaceOfTheLastByteThatIsNoneAreALoss)
+{
+    for (std::size_t zeros = 0; zeros < 70; ++zeros)
+    {
+        {
+            const auto journaled = QT::CreateJournaledReelmill();
+            ASSERT_EQ(journaled->Create(path, 100), 0);
+            QT::TrackID video = 0;
+            ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
+            std::string data(4096, '\0');
+            data[0] = 'x';
+            data[data.size() - 1 - zeros] = 'x';
+            ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 4096, 1, 1, 0, false), 0);
+        }
+        BinaryDataArray movie = Movie();
+        std::fill_n(movie.rbegin(), zeros + 1, std::uint8_t{0});
+        WriteFile(directory.Path("movie.mov"), std::string(movie.begin(), movie.end()));
+        RecoveryReport report;
+        ASSERT_EQ(Recover(report), QT::kQTErrNothingWhole) << zeros;
+        ASSERT_EQ(Ventra::File::Remove(path + u".journal"), 0);
+    }
+}
+
 //! A description that gives no bytes makes no track, and no movie that is called finished.
 TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
 {
@@ -491,15 +527,19 @@ TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
     public:
         void GetAsBinary(BinaryDataArray& outEntry) override { outEntry.clear(); }
     };
-    const auto journaled = QT::CreateJournaledReelmill();
-    ASSERT_EQ(journaled->Create(path, 100), 0);
-    QT::TrackID video = 0;
-    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, boost::make_shared<Empty>(), video), 0);
-    std::string data(4096, 'x');
-    ASSERT_EQ(journaled->AddMediaSample(video, data.data(), 4096, 1, 1, 0, false), 0);
-    RecoveryReport report;
-    EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole);
-    EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole) << "the journal is still there";
+    for (const QT::MediaType type : {QT::kQTMediaTypeVideo, QT::kQTMediaTypeText})
+    {
+        const auto journaled = QT::CreateJournaledReelmill();
+        ASSERT_EQ(journaled->Create(path, 100), 0);
+        QT::TrackID track = 0;
+        ASSERT_EQ(journaled->NewMovieTrack(type, 25, 64, 48, boost::make_shared<Empty>(), track), 0);
+        std::string data(4096, 'x');
+        ASSERT_EQ(journaled->AddMediaSample(track, data.data(), 4096, 1, 1, 0, false), 0);
+        RecoveryReport report;
+        EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole);
+        EXPECT_EQ(Recover(report), QT::kQTErrNothingWhole) << "the journal is still there";
+        ASSERT_EQ(Ventra::File::Remove(path + u".journal"), 0);
+    }
 }
 
 //! A duration beyond its field is the host's fault, which recovery must not add to.

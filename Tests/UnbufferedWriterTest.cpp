@@ -16,10 +16,10 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <memory>
-#include <numeric>
 #include <optional>
 
 using Tolbin::Result;
@@ -60,8 +60,7 @@ protected:
     Result Write(std::size_t inLength)
     {
         std::string data(inLength, ' ');
-        std::iota(data.begin(), data.end(), static_cast<char>(written));
-        written += inLength;
+        std::generate(data.begin(), data.end(), [this] { return static_cast<char>(ByteAt(written++)); });
         return writer->Write(data.data(), data.size());
     }
 
@@ -69,9 +68,13 @@ protected:
     BinaryDataArray Expected() const
     {
         BinaryDataArray bytes(static_cast<std::size_t>(kStart) + written);
-        std::iota(bytes.begin() + kStart, bytes.end(), std::uint8_t{0});
+        std::size_t place = 0;
+        std::generate(bytes.begin() + kStart, bytes.end(), [&place] { return ByteAt(place++); });
         return bytes;
     }
+
+    //! Repeats after a number of bytes that nothing else here is a multiple of.
+    static std::uint8_t ByteAt(std::size_t inPlace) { return static_cast<std::uint8_t>(inPlace % 251); }
 
     //! Lets go of the files, before the file systems that they live on.
     void Release()
@@ -149,10 +152,13 @@ TEST_F(UnbufferedWriterTest, WritesWholeBlocksAndTheTailAtClose)
 //! Long pieces are not copied like short ones.
 TEST_F(UnbufferedWriterTest, PiecesOfAnyLengthArriveAtAnyPlace)
 {
+    const SettingScope largeBlocks("Reelmill.NFSWriteSizeInKBytes", "4096");
     ASSERT_EQ(Open(volume), 0);
-    for (std::size_t length = 1; length < 700; ++length)
+    for (std::size_t i = 1; i < 700; ++i)
     {
-        ASSERT_EQ(Write(length), 0);
+        ASSERT_EQ(Write(i), 0);
+        ASSERT_EQ(Write(3800 + i), 0);
+        ASSERT_EQ(Write(65536 - i), 0);
     }
     ASSERT_EQ(writer->Close(), 0);
     EXPECT_SAME_BYTES(ReadFile(directory.Path("media")), Expected());

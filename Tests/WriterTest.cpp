@@ -624,7 +624,7 @@ TEST_F(MovieTest, RecordsOfALongTakeAreKeptWhateverTheAddressSpace)
         std::optional<AddressSpaceLimit> limit;
         if (isLimited)
         {
-            limit.emplace(rlim_t{256} << 20);
+            limit.emplace(rlim_t{48} << 20);
             ASSERT_TRUE(limit->IsSet());
         }
         QT::PrivateReelmill movie;

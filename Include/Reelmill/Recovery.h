@@ -18,8 +18,8 @@ namespace QT
 //! `CreateReelmill`.
 //!
 //! The journal on disk is never behind the media on disk: it is brought to the device before each block of media is
-//! written. What a crash can cost is the block in memory and the ends of chunks behind the last sample on disk; when the
-//! machine dies also what was said of the movie since then (user data, references, trim-ins).
+//! written. What a crash can cost is the block in memory and the ends of chunks behind the last sample on disk; when
+//! the machine dies also what was said of the movie since then (user data, references, trim-ins).
 //!
 //! The calls give the results of `Reelmill`, and besides:
 //! - `Create`: EEXIST (as an error of the system) when the journal exists: an unfinished movie's, to be recovered or
@@ -37,9 +37,9 @@ namespace QT
 //! \param inJournalPath  path of the journal; empty: the movie's with ".journal" behind it
 TOLBIN_EXPORT boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath = {});
 
-//! Closes a movie whose end was not known before, or came early: `Close`, after timecode, text and captions were cut where
-//! picture and sound end, and timecode was made to last until the end of the tracks that refer to it. A host may so give
-//! any duration to the only sample of a timecode track. Takes a writer of `CreateReelmill` or
+//! Closes a movie whose end was not known before, or came early: `Close`, after timecode, text and captions were cut
+//! where picture and sound end, and timecode was made to last until the end of the tracks that refer to it. A host may
+//! so give any duration to the only sample of a timecode track. Takes a writer of `CreateReelmill` or
 //! `CreateJournaledReelmill`; any other is closed as it is. \return what `Close` returns.
 TOLBIN_EXPORT Tolbin::Result CloseMovieWithMedia(Reelmill& ioMovie);
 
@@ -86,12 +86,12 @@ struct RecoveryReport
 //!
 //! \param inMovie    path of the movie, changed in place
 //! \param outReport  filled as far as recovery came
-//! \return 0; an error of the system (ENOENT: there is no movie, or no journal); `kQTErrBadJournal`; `kQTErrOtherMovie`;
-//!         `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such tracks, in any track
-//!         whose description is usable);
+//! \return 0; an error of the system (ENOENT: there is no movie, or no journal); `kQTErrBadJournal`;
+//!         `kQTErrOtherMovie`; `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such
+//!         tracks, in any track whose description is usable);
 //!         `kQTErrTooLarge` for a journal whose tables no file can mean: nothing was changed. An error of the system or
-//!         `kResultShortWrite` (ENOSPC: there is no room for 'moov' behind the media): the journal stays and recovery may
-//!         be tried again. What else `Reelmill::Close` returns.
+//!         `kResultShortWrite` (ENOSPC: there is no room for 'moov' behind the media): the journal stays and recovery
+//!         may be tried again. What else `Reelmill::Close` returns.
 TOLBIN_EXPORT Tolbin::Result RecoverMovie(const Tolbin::UTF16String& inMovie, RecoveryReport& outReport,
                                           const RecoveryOptions& inOptions = {});
 

@@ -1,6 +1,8 @@
 #include <Tolbin/Allocator.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <sys/mman.h>
 
 namespace Tolbin::allocator
@@ -46,6 +48,10 @@ void* Map(std::size_t inSize)
 
 void* MemoryRecycler::Allocate(std::size_t inSize)
 {
+    if (inSize > std::numeric_limits<std::ptrdiff_t>::max())
+    {
+        throw std::bad_alloc(); // Rounding up might not end above it.
+    }
     return inSize < kMappedSize ? ::operator new(inSize) : Map(inSize);
 }
 

@@ -9,9 +9,10 @@
 namespace Tolbin::allocator
 {
 
-//! Where the core allocator's memory comes from. Small blocks are drawn from the process heap, which recycles freed ones
-//! by size already. Blocks of `kMappedSize` and more are address space of their own: they take memory only where they
-//! are touched, in large pages if the system has them, and give all of it back at once. Safe to use from any thread.
+//! Where the core allocator's memory comes from. Small blocks are drawn from the process heap, which recycles freed
+//! ones by size already. Blocks of `kMappedSize` and more are address space of their own: they take memory only where
+//! they are touched, in large pages if the system has them, and give all of it back at once. Safe to use from any
+//! thread.
 class MemoryRecycler
 {
 public:

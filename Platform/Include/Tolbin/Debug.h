@@ -144,7 +144,7 @@ TOLBIN_EXPORT unsigned int DebugDatabase::GetEntryAs<unsigned int>(const std::st
 } // namespace Tolbin::debug
 
 //! Reports unless `condition` holds, under the given expression and function texts; execution continues. `message` is
-//! what follows a stream's `<<`; it is evaluated only when the report is made.
+//! what follows a stream's `<<`; it is evaluated only when the report is made, and cannot name a structured binding.
 #define TOLBIN_ASSERT_AS(condition, expression, function, message)                                                     \
     do                                                                                                                 \
     {                                                                                                                  \

@@ -1,4 +1,4 @@
-#include "AtomTree.h"
+#include "AtomNode.h"
 
 #include "QTAtomRecords.h"
 
@@ -9,14 +9,14 @@
 namespace QT
 {
 
-AtomTree::AtomTree(Tolbin::utility::BinaryDataArray inAtom) : mContent(std::move(inAtom)) {}
+AtomNode::AtomNode(Tolbin::utility::BinaryDataArray inAtom) : mContent(std::move(inAtom)) {}
 
-AtomTree::AtomTree(const SampleTables& inTables) : mContent(inTables) {}
+AtomNode::AtomNode(const SampleTables& inTables) : mContent(inTables) {}
 
-Tolbin::Result AtomTree::MakeContainer(std::uint32_t inType, std::vector<AtomTree> inChildren, AtomTree& outContainer)
+Tolbin::Result AtomNode::MakeContainer(std::uint32_t inType, std::vector<AtomNode> inChildren, AtomNode& outContainer)
 {
     Container container{inType, kAtomHeaderSize, std::move(inChildren)};
-    for (const AtomTree& child : container.children)
+    for (const AtomNode& child : container.children)
     {
         container.size += child.GetSize();
     }
@@ -28,7 +28,7 @@ Tolbin::Result AtomTree::MakeContainer(std::uint32_t inType, std::vector<AtomTre
     return Tolbin::kResultSuccess;
 }
 
-std::uint64_t AtomTree::GetSize() const
+std::uint64_t AtomNode::GetSize() const
 {
     if (const auto* const container = std::get_if<Container>(&mContent))
     {
@@ -42,14 +42,14 @@ std::uint64_t AtomTree::GetSize() const
 }
 
 // 0 size, 4 type, 8 the children one behind the other.
-std::uint8_t* AtomTree::Write(std::uint8_t* outBytes) const
+std::uint8_t* AtomNode::Write(std::uint8_t* outBytes) const
 {
     if (const auto* const container = std::get_if<Container>(&mContent))
     {
         const qtn_GenericAtomHeader header(Low32(container->size), container->type);
         std::memcpy(outBytes, &header, sizeof(header));
         outBytes += sizeof(header);
-        for (const AtomTree& child : container->children)
+        for (const AtomNode& child : container->children)
         {
             outBytes = child.Write(outBytes);
         }
