@@ -51,7 +51,9 @@ public:
                                          boost::shared_ptr<QTSampleDescription> inSampleDescription,
                                          TrackID& outTrackID) = 0;
 
-    //! Writes encoded samples behind what was written last, whatever its track, and records them.
+    //! Writes encoded samples behind what was written last, whatever its track, and records them. 32 bytes of each call
+    //! stay in memory until `Close`. A track of more than 32 768 calls takes address space ahead, 64 MiB and then four
+    //! times what it has; it takes no memory until it is used, unless the host has locked all memory to come.
     //!
     //! \param inData            `inDataSize` bytes, written unchanged; copied before the call returns
     //! \param inSampleCount     how many samples of equal size and duration the bytes hold
