@@ -4,6 +4,7 @@
 
 #include <Reelmill/QTTypes.h>
 
+#include <cstring>
 #include <utility>
 
 namespace QT

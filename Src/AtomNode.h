@@ -6,7 +6,6 @@
 #include <Tolbin/Result.h>
 
 #include <cstdint>
-#include <cstring>
 #include <variant>
 #include <vector>
 

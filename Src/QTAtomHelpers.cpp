@@ -5,7 +5,6 @@
 #include <Tolbin/Debug.h>
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <limits>
 #include <stdexcept>

@@ -156,7 +156,7 @@ private:
     std::uint32_t mRunSamples = 0;
 };
 
-//! Bytes of a table atom; beyond 2 GiB whatever is larger still counts as that.
+//! Bytes of a table atom, also of one that is too large to be written.
 template <typename Atom, typename Entry>
 std::uint64_t TableSize(std::uint64_t inEntryCount)
 {
