@@ -11,7 +11,8 @@ import sys
 
 VIDEO, SOUND, TIMECODE, TEXT = 256, 257, 258, 260
 MOVIE_DATA = (1 << 64) - 1  # "track" of an item of the movie
-SAMPLE, TRACK, SIZE, COUNT, DURATION, ZEROS = 0x80, 0x01, 0x02, 0x04, 0x08, 0x10
+SAMPLE, TRACK, SIZE, COUNT, DURATION, ZEROS, CHUNK = 0x80, 0x01, 0x02, 0x04, 0x08, 0x10, 0x20
+SIZES, TIMES = 0x40, 0x20
 TEXT_ENTRY = struct.pack(">I4sQ", 16, b"text", 1)
 
 
@@ -66,10 +67,18 @@ REVOCATION = record(9)
 CLOSING = record(10)
 
 
-def sample(index=None, size=None, count=None, duration=None, zeros=None):
+def sample(index=None, size=None, count=None, duration=None, zeros=None, chunk=0):
     fields = [(TRACK, index), (SIZE, size), (COUNT, count), (DURATION, duration), (ZEROS, zeros)]
-    flags = sum(flag for flag, value in fields if value is not None)
+    flags = chunk + sum(flag for flag, value in fields if value is not None)
     return record(SAMPLE | flags, *(value for _, value in fields if value is not None))
+
+
+def sizes(*values):
+    return record(SIZES + len(values) - 1, *values)
+
+
+def times(*values):
+    return record(TIMES + len(values) // 2 - 1, *values)
 
 
 def crc32c(data):
@@ -113,6 +122,9 @@ def main(corpus):
                             track(VIDEO, 25) + track(TIMECODE, 25) + track(TEXT, 1000),
                             sample(1, 4, 1, 90000) + sample(2, 6, 1, 100) + sample(duration=60000) + sample(),
                             sample(0, 20, 1, 1) + sample() + sample() + sample() + sample()),
+        "in-turn": seed(large_room, media, movie(large_room), track(VIDEO, 25) + track(SOUND, 48000),
+                        sample(0, 10, 1, 1, chunk=CHUNK) + sample(1, 4, 1, 1) + sample(0, 10) + sizes(4, 9, 5, 11, 3),
+                        times(4, 2, 9, 1) + record(11, 2) + sample(chunk=CHUNK) + sizes(*range(1, 20))),
         "all-kinds": seed(large_room, media, movie(large_room), track(VIDEO, 25) + track(TEXT, 25),
                           trim_in(0, 50) + trim_in(1, -1) + user_data(MOVIE_DATA, b"title") + user_data(1, b""),
                           reference(0, 1, 257) + reference(1, 0, 256) + description(1, TEXT_ENTRY + b"more"),

@@ -63,7 +63,7 @@ Tolbin::Result JournalReader::Open(const Tolbin::UTF16String& inPath)
 Tolbin::Result JournalReader::Read(std::optional<JournalRecord>& outRecord)
 {
     outRecord.reset();
-    while (!mIsEnded && mPosition == mFrame.size())
+    while (!mIsEnded && mGroupLeft == 0 && mPosition == mFrame.size())
     {
         bool isWhole = false;
         const Tolbin::Result result = ReadFrame(isWhole);
@@ -142,7 +142,7 @@ bool JournalReader::ReadBytes(Tolbin::utility::BinaryDataArray& outBytes)
 
 bool JournalReader::ReadTrack(std::uint64_t& outTrack)
 {
-    return ReadNumber(outTrack) && outTrack < mLast.size();
+    return ReadNumber(outTrack) && outTrack < mTracks.size();
 }
 
 bool JournalReader::ReadDescription(StoredDescription& outDescription)
@@ -175,15 +175,20 @@ bool JournalReader::ReadDescription(StoredDescription& outDescription)
 bool JournalReader::ReadSample(std::uint8_t inFlags, JournalSample& outSample)
 {
     const auto has = [inFlags](std::uint8_t inFlag) { return (inFlags & inFlag) != 0; };
-    outSample.track = mTrack;
-    if ((has(kSampleTrackFlag) && !ReadNumber(outSample.track)) || outSample.track >= mLast.size())
+    if (mTracks.empty())
     {
         return false;
     }
-    const JournalSample& last = mLast[outSample.track];
+    outSample.track = mTracks[mTrack].next;
+    if ((has(kSampleTrackFlag) && !ReadNumber(outSample.track)) || outSample.track >= mTracks.size())
+    {
+        return false;
+    }
+    const JournalSample& last = mTracks[outSample.track].last;
     outSample.size = last.size;
     outSample.count = last.count;
     outSample.duration = last.duration;
+    outSample.endsChunk = last.endsChunk != has(kSampleChunkFlag);
     const bool isRead = (!has(kSampleSizeFlag) || ReadNumber(outSample.size)) &&
                         (!has(kSampleCountFlag) || ReadNumber(outSample.count)) &&
                         (!has(kSampleDurationFlag) || ReadNumber(outSample.duration)) &&
@@ -192,17 +197,33 @@ bool JournalReader::ReadSample(std::uint8_t inFlags, JournalSample& outSample)
     {
         return false;
     }
+    mTracks[mTrack].next = outSample.track;
     mTrack = outSample.track;
-    mLast[mTrack] = outSample;
+    mTracks[mTrack].last = outSample;
     return true;
 }
 
 bool JournalReader::ReadRecord(JournalRecord& outRecord)
 {
-    const std::uint8_t kind = mFrame[mPosition++];
+    const std::uint8_t kind = mGroupLeft == 0 ? mFrame[mPosition++] : std::uint8_t{0};
     if ((kind & kSampleFlag) != 0)
     {
         return ReadSample(kind, outRecord.emplace<JournalSample>());
+    }
+    if ((kind & kSizesFlag) != 0)
+    {
+        mGroupFlags = kSampleFlag | kSampleSizeFlag;
+        mGroupLeft = kind - kSizesFlag + 1u;
+    }
+    else if ((kind & kTimesFlag) != 0)
+    {
+        mGroupFlags = kSampleFlag | kSampleSizeFlag | kSampleDurationFlag;
+        mGroupLeft = kind - kTimesFlag + 1u;
+    }
+    if (mGroupLeft > 0)
+    {
+        --mGroupLeft;
+        return ReadSample(mGroupFlags, outRecord.emplace<JournalSample>());
     }
     switch (static_cast<JournalKind>(kind))
     {
@@ -214,7 +235,7 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
     }
     case JournalKind::kTrack: {
         auto& track = outRecord.emplace<JournalTrack>();
-        mLast.emplace_back();
+        mTracks.push_back({.last = {}, .next = mTracks.size()});
         return ReadNumber(track.mediaType) && ReadNumber(track.timeScale) && ReadNumber(track.width) &&
                ReadNumber(track.height) && ReadDescription(track.description);
     }
@@ -231,7 +252,7 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
     case JournalKind::kUserData: {
         auto& userData = outRecord.emplace<JournalUserData>();
         return ReadNumber(userData.track) &&
-               (userData.track == JournalUserData::kMovie || userData.track < mLast.size()) &&
+               (userData.track == JournalUserData::kMovie || userData.track < mTracks.size()) &&
                ReadNumber(userData.type) && ReadBytes(userData.payload);
     }
     case JournalKind::kReference: {

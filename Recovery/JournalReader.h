@@ -46,7 +46,9 @@ private:
     std::vector<std::uint8_t> mFrame; //!< Records of the current frame.
     std::size_t mPosition = 0;        //!< In it.
     std::uint64_t mTrack = 0;         //!< Of the last sample.
-    std::vector<JournalSample> mLast; //!< By track: its last sample.
+    std::uint8_t mGroupFlags = 0;     //!< Of each sample of the group.
+    std::size_t mGroupLeft = 0;       //!< Samples of it to come.
+    std::vector<JournalTrackState> mTracks;
     bool mIsEnded = false;
 };
 

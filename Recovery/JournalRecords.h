@@ -14,13 +14,17 @@
 //   journal  = header frame*
 //   header   = JournalHeader
 //   frame    = JournalFrameHeader record*          what was collected and written in one go
-//   record   = sample | kind field*                kind: one byte, below 0x80
+//   record   = sample | group | kind field*        kind: one byte, below 0x20
 //   sample   = flags [track] [size] [count] [duration] [zeros]
+//   group    = number size*                        number: one byte, 0x40 for one sample to 0x7F for 64
+//            | number (size duration)*             number: one byte, 0x20 for one sample to 0x3F for 32
 //
-// Samples that are as the one right before may be a repetition instead. A field is an unsigned LEB128 number of at most
-// 64 bits (signed ones as their two's-complement bits), or a number of bytes and the bytes. A sample's flags say which
-// of its fields are there; what is missing is as in the record before (track) or as in the track's sample before (size,
-// count, duration; 0 each for its first).
+// A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
+// bytes and the bytes. A sample's flags say which of its fields are there. What is missing is as in the track's sample
+// before (size, count, duration, whether it ends its chunk; 0 each for its first) or 0 (zeros). A track that is missing
+// is the one that came last time behind a sample of the same track as the sample before, or else that track again: so
+// tracks in turn need not be named. Samples that give nothing but their size, or size and duration, may stand together
+// as a group, and those that are as the one right before may be a repetition.
 //
 // A journal ends where the next frame is not whole: at the end of the file, at a length of 0, at a checksum that does
 // not agree. Everything before that counts.
@@ -60,6 +64,13 @@ constexpr std::uint8_t kSampleSizeFlag = 0x02;
 constexpr std::uint8_t kSampleCountFlag = 0x04;
 constexpr std::uint8_t kSampleDurationFlag = 0x08;
 constexpr std::uint8_t kSampleZerosFlag = 0x10;
+constexpr std::uint8_t kSampleChunkFlag = 0x20; //!< Whether it ends its chunk is other than of the sample before.
+
+//! The marks of groups; the bits below them are the number of samples less one.
+constexpr std::uint8_t kSizesFlag = 0x40;
+constexpr std::uint8_t kTimesFlag = 0x20; //!< With durations.
+constexpr std::size_t kMaxSizes = 64;
+constexpr std::size_t kMaxTimes = 32;
 
 enum class JournalKind : std::uint8_t
 {
@@ -84,8 +95,16 @@ struct JournalSample
     std::int32_t count = 0;
     std::int32_t duration = 0; //!< Of each.
     std::uint32_t zeros = 0;   //!< Bytes at its end that are zero.
+    bool endsChunk = false;
 
     bool operator==(const JournalSample&) const = default;
+};
+
+//! What samples leave out, by track.
+struct JournalTrackState
+{
+    JournalSample last;     //!< Its last sample.
+    std::uint64_t next = 0; //!< The track of the sample behind, unless that says another.
 };
 
 //! The sample before came so many times more.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace QT
 {
@@ -52,21 +53,155 @@ Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
 
 // ---- Records --------------------------------------------------------------------------------------------------------
 
+void JournalWriter::AddSample(const JournalSample& inSample)
+{
+    if (mIsRepeatable && inSample == mTracks[mTrack].last && mRepeats < kMaxRepeats)
+    {
+        ++mRepeats;
+        return;
+    }
+    PutSample(inSample);
+    mIsRepeatable = inSample.size > 0;
+}
+
+void JournalWriter::AddSamples(std::span<Samples> ioSamples)
+{
+    constexpr std::int64_t kNowhere = std::numeric_limits<std::int64_t>::max();
+    while (!IsFull())
+    {
+        std::int64_t first = kNowhere;
+        std::int64_t second = kNowhere; // The first of the other tracks.
+        std::uint64_t track = 0;
+        for (std::size_t i = 0; i < ioSamples.size(); ++i)
+        {
+            const std::int64_t offset = ioSamples[i].empty() ? kNowhere : ioSamples[i].front().fileOffset;
+            track = offset < first ? i : track;
+            second = std::min(second, std::max(first, offset));
+            first = std::min(first, offset);
+        }
+        if (first == kNowhere)
+        {
+            return;
+        }
+        Samples& samples = ioSamples[track];
+        Samples run = samples;
+        if (run.back().fileOffset > second)
+        {
+            const auto isBehind = [second](const MediaSampleRec& inSample) { return inSample.fileOffset > second; };
+            run = Samples(run.begin(), std::find_if(run.begin(), run.end(), isBehind));
+        }
+        samples = samples.subspan(AddRun(track, run));
+        if (second != kNowhere && !IsFull())
+        {
+            PutTurns(ioSamples, second);
+        }
+    }
+}
+
+//! Adds samples of one track. \return how many there was room for.
+std::size_t JournalWriter::AddRun(std::uint64_t inTrack, Samples inSamples)
+{
+    constexpr std::size_t kFewSizes = 4; // More fit into a group with durations.
+    const JournalTrackState& track = mTracks[inTrack];
+    const auto isAlike = [&](const MediaSampleRec& inSample) {
+        return inSample.sampleCount == track.last.count && inSample.endsChunk == track.last.endsChunk;
+    };
+    const auto isTimedAlike = [&](const MediaSampleRec& inSample) {
+        return inSample.sampleDuration == track.last.duration && isAlike(inSample);
+    };
+    const auto isSame = [&](const MediaSampleRec& inSample) {
+        return inSample.dataSize == track.last.size && isTimedAlike(inSample);
+    };
+    const auto inFront = [](Samples inAll, std::size_t inMost, const auto& inWhich) {
+        const Samples most = inAll.first(std::min(inMost, inAll.size()));
+        return Samples(most.begin(), std::find_if_not(most.begin(), most.end(), inWhich));
+    };
+    Samples left = inSamples;
+    while (!left.empty() && !IsFull())
+    {
+        const MediaSampleRec& sample = left.front();
+        AddSample({inTrack, sample.dataSize, sample.sampleCount, sample.sampleDuration, 0, sample.endsChunk});
+        left = left.subspan(1);
+        const Samples same = inFront(left, kMaxRepeats - mRepeats, isSame);
+        mRepeats += static_cast<std::uint32_t>(same.size());
+        left = left.subspan(same.size());
+        if (track.next == inTrack)
+        {
+            const Samples sizes = inFront(left, kMaxSizes, isTimedAlike);
+            const Samples group = sizes.size() < kFewSizes ? inFront(left, kMaxTimes, isAlike) : sizes;
+            PutGroup(group, group.size() != sizes.size());
+            left = left.subspan(group.size());
+        }
+    }
+    return inSamples.size() - left.size();
+}
+
+//! Puts samples of the track of the last one, which need not say more than their sizes, or sizes and durations.
+void JournalWriter::PutGroup(Samples inSamples, bool inHasDurations)
+{
+    if (inSamples.empty())
+    {
+        return;
+    }
+    PutRepeats();
+    std::uint8_t* end = mFrame.data() + mEnd;
+    *end++ = static_cast<std::uint8_t>((inHasDurations ? kTimesFlag : kSizesFlag) + inSamples.size() - 1);
+    for (const MediaSampleRec& sample : inSamples)
+    {
+        end = StoreNumber(end, Bits32(sample.dataSize));
+        end = inHasDurations ? StoreNumber(end, Bits32(sample.sampleDuration)) : end;
+    }
+    mEnd = static_cast<std::size_t>(end - mFrame.data());
+    mTracks[mTrack].last.size = inSamples.back().dataSize;
+    mTracks[mTrack].last.duration = inSamples.back().sampleDuration;
+}
+
+//! Puts samples of tracks in turn, as long as they need not say more than their sizes.
+void JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset)
+{
+    PutRepeats();
+    std::uint8_t* const begin = mFrame.data() + mEnd;
+    std::uint8_t* end = begin + 1;
+    std::size_t count = 0;
+    for (; count < kMaxSizes; ++count)
+    {
+        const std::uint64_t track = mTracks[mTrack].next;
+        JournalSample& last = mTracks[track].last;
+        Samples& samples = ioSamples[track];
+        if (samples.empty() || samples.front().fileOffset != inOffset || samples.front().sampleCount != last.count ||
+            samples.front().sampleDuration != last.duration || samples.front().endsChunk != last.endsChunk)
+        {
+            break;
+        }
+        last.size = samples.front().dataSize;
+        last.zeros = 0;
+        end = StoreNumber(end, Bits32(last.size));
+        inOffset += last.size;
+        samples = samples.subspan(1);
+        mTrack = track;
+    }
+    if (count > 0)
+    {
+        *begin = static_cast<std::uint8_t>(kSizesFlag + count - 1);
+        mEnd = static_cast<std::size_t>(end - mFrame.data());
+    }
+}
+
 // Only single fields are copied: a whole sample that was put together a moment ago is not ready to be read as a whole.
 void JournalWriter::PutSample(const JournalSample& inSample)
 {
     PutRepeats();
-    JournalSample& last = mLast[inSample.track];
+    JournalSample& last = mTracks[inSample.track].last;
     std::uint8_t* const begin = mFrame.data() + mEnd;
     std::uint8_t* end = begin + 1;
     std::uint8_t flags = kSampleFlag;
-    if (inSample.track != mTrack)
+    if (inSample.track != mTracks[mTrack].next)
     {
         flags |= kSampleTrackFlag;
         end = StoreNumber(end, inSample.track);
-        mTrack = inSample.track;
-        last.track = inSample.track;
+        mTracks[mTrack].next = inSample.track;
     }
+    mTrack = inSample.track;
     if (inSample.size != last.size)
     {
         flags |= kSampleSizeFlag;
@@ -91,6 +226,11 @@ void JournalWriter::PutSample(const JournalSample& inSample)
         end = StoreNumber(end, inSample.zeros);
     }
     last.zeros = inSample.zeros;
+    if (inSample.endsChunk != last.endsChunk)
+    {
+        flags |= kSampleChunkFlag;
+        last.endsChunk = inSample.endsChunk;
+    }
     *begin = flags;
     mEnd = static_cast<std::size_t>(end - mFrame.data());
 }
@@ -119,14 +259,15 @@ void JournalWriter::PutRepeats()
 
 void JournalWriter::AddTrack(const JournalTrack& inTrack)
 {
-    mLast.reserve(mLast.size() + 1);
+    mTracks.reserve(mTracks.size() + 1);
     PutKind(JournalKind::kTrack, 4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
     PutNumber(inTrack.mediaType);
     PutNumber(Bits32(inTrack.timeScale));
     PutNumber(Bits32(inTrack.width));
     PutNumber(Bits32(inTrack.height));
     PutDescription(inTrack.description);
-    mLast.emplace_back();
+    const std::uint64_t track = mTracks.size();
+    mTracks.push_back({.last = {.track = track}, .next = track});
 }
 
 void JournalWriter::Add(const JournalMovie& inMovie)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "JournalRecords.h"
+#include "TrackRec.h"
 
 #include <Tolbin/Result.h>
 #include <Tolbin/UTF16String.h>
@@ -8,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace QT
@@ -18,6 +20,8 @@ namespace QT
 class JournalWriter
 {
 public:
+    using Samples = std::span<const MediaSampleRec>;
+
     //! Creates the journal, which must not exist, and writes its header.
     Tolbin::Result Create(const Tolbin::UTF16String& inPath);
 
@@ -25,16 +29,12 @@ public:
     bool IsFull() const { return mEnd >= kFullSize; }
 
     //! Room for it must have been made: `IsFull` is false. Throws nothing.
-    void AddSample(const JournalSample& inSample)
-    {
-        if (mIsRepeatable && inSample == mLast[mTrack] && mRepeats < kMaxRepeats)
-        {
-            ++mRepeats;
-            return;
-        }
-        PutSample(inSample);
-        mIsRepeatable = inSample.size > 0;
-    }
+    void AddSample(const JournalSample& inSample);
+
+    //! As `AddSample`, for samples that are in the movie already, each of some size and with another byte than zero at
+    //! its end, in the order of their places there. Throws nothing.
+    //! \param ioSamples  by track; what is left over when the journal is full
+    void AddSamples(std::span<Samples> ioSamples);
 
     //! As `AddSample`, for a sample that may be revoked.
     void AddUncertainSample(const JournalSample& inSample);
@@ -63,11 +63,14 @@ public:
 private:
     static constexpr std::size_t kFullSize = 64 * 1024;
     static constexpr std::size_t kMaxNumberSize = 10; //!< 64 bits, 7 a byte.
-    //! Flags and fields, the repetition before them or the revocation behind.
-    static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize);
+    //! Flags and fields, the repetition before them or the revocation behind, and the group of those that follow.
+    static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize) + 1 + kMaxSizes * kMaxNumberSize;
     static constexpr std::uint32_t kMaxRepeats = 0xFFFF;
 
     void PutSample(const JournalSample& inSample);
+    std::size_t AddRun(std::uint64_t inTrack, Samples inSamples);
+    void PutGroup(Samples inSamples, bool inHasDurations);
+    void PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset);
     void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);
     void PutKind(JournalKind inKind, std::size_t inFieldSize);
@@ -79,10 +82,10 @@ private:
     std::int64_t mOffset = 0;                      //!< Where the next frame goes.
     std::vector<std::uint8_t> mFrame;              //!< The next frame: its header, the records, room.
     std::size_t mEnd = sizeof(JournalFrameHeader); //!< Of the records in it.
-    std::vector<JournalSample> mLast;              //!< By track: its last sample.
-    std::uint64_t mTrack = 0;                      //!< Of the last sample.
-    bool mIsRepeatable = false;                    //!< That sample is the record before, and may be repeated.
-    std::uint32_t mRepeats = 0;                    //!< How often it came again.
+    std::vector<JournalTrackState> mTracks;
+    std::uint64_t mTrack = 0;   //!< Of the last sample.
+    bool mIsRepeatable = false; //!< That sample is the record before, and may be repeated.
+    std::uint32_t mRepeats = 0; //!< How often it came again.
 };
 
 } // namespace QT

@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -20,6 +22,8 @@ namespace
 
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
+constexpr int kMaxPendingSample = 1024;             //!< Bytes; the last of more need not be in the caches yet.
+constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that what is kept of them is there still.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
@@ -64,7 +68,9 @@ inline std::uint32_t CountZeros(const void* inData, int inSize)
 } // namespace
 
 //! Forwards every call to a writer and puts what succeeded into the journal. A sample's record is written before the
-//! sample whose bytes make a block go to disk, so that no media on disk is unknown to the journal on disk.
+//! sample whose bytes make a block go to disk, so that no media on disk is unknown to the journal on disk. Until then
+//! the journal need not know a sample: small ones stay pending, some thousands of them, and are put into it together,
+//! from what the writer keeps of them anyway.
 class JournaledReelmill final : public Reelmill
 {
 public:
@@ -125,60 +131,45 @@ public:
         {
             TrackPtr track = nullptr;
             static_cast<void>(mWriter->GetTrackPtr(outTrackID, track)); // It is there.
-            mTracks.push_back({track, inSampleDescription, StoreDescription(*inSampleDescription)});
+            mWriterTracks.reserve(mTracks.size() + 1);
+            mPending.resize(mTracks.size() + 1);
+            mTracks.push_back({inSampleDescription, StoreDescription(*inSampleDescription)});
+            mWriterTracks.push_back(track);
             mJournal.AddTrack({inMediaType, inTimeScale, inWidth, inHeight, mTracks.back().stored});
         }
         catch (...)
         {
-            mFailure = Tolbin::kResultOutOfMemory; // The journal lacks a track that the movie has.
+            Fail(Tolbin::kResultOutOfMemory); // The journal lacks a track that the movie has.
             throw;
         }
         return mJournal.Write();
     }
 
-    Tolbin::Result AddMediaSample(TrackID inTrackID, void* inData, int inDataSize, std::int32_t inSampleCount,
-                                  std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag) override
+    // Flattened: a call would cost as much as what it does.
+    [[gnu::flatten]] Tolbin::Result AddMediaSample(TrackID inTrackID, void* inData, int inDataSize,
+                                                   std::int32_t inSampleCount, std::int32_t inSampleDuration,
+                                                   std::int32_t inAuxValue, bool inAuxFlag) override
     {
         const TrackID track = inTrackID - kFirstTrackID;
-        if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
+        const bool isSmall = track < mWriterTracks.size() && inData != nullptr && inDataSize > 0 &&
+                             inDataSize <= kMaxPendingSample && inSampleCount >= 0 &&
+                             static_cast<const char*>(inData)[inDataSize - 1] != 0;
+        if (isSmall && mWriter->GetMediaEnd() + inDataSize < mPendingEnd)
         {
-            // Refuses, unless the track came without its record: `Close` fails then.
-            return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
-                                           inAuxFlag);
+            return mWriter->AddToTrack(*mWriterTracks[track], inData, inDataSize, inSampleCount, inSampleDuration,
+                                       inAuxValue, inAuxFlag);
         }
-        if (mFailure < 0)
-        {
-            return mFailure;
-        }
-        if (mJournal.IsFull())
-        {
-            const Tolbin::Result result = mJournal.Write();
-            if (result < 0)
-            {
-                return result;
-            }
-        }
-        const std::int64_t offset = mWriter->GetMediaEnd();
-        const JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, CountZeros(inData, inDataSize)};
-        if (offset + inDataSize < mBlockEnd)
-        {
-            const Tolbin::Result result = mWriter->AddToTrack(*mTracks[track].track, inData, inDataSize, inSampleCount,
-                                                              inSampleDuration, inAuxValue, inAuxFlag);
-            if (result >= 0)
-            {
-                mJournal.AddSample(sample);
-            }
-            return result;
-        }
-        return AddProbedSample(sample, offset, inTrackID, inData, inAuxValue, inAuxFlag);
+        return AddNow(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
     }
 
     Tolbin::Result EndMediaChunk(TrackID inTrackID) override
     {
         const Tolbin::Result result = mWriter->EndMediaChunk(inTrackID);
-        if (result >= 0)
+        const TrackID track = inTrackID - kFirstTrackID;
+        // A sample that is pending says so itself.
+        if (result >= 0 && (track >= mTracks.size() || GetPending(track).empty()))
         {
-            mJournal.Add(JournalEndChunk{inTrackID - kFirstTrackID});
+            mJournal.Add(JournalEndChunk{track});
         }
         return result;
     }
@@ -244,6 +235,10 @@ public:
         result = mFailure;
         if (result >= 0)
         {
+            result = AddPending();
+        }
+        if (result >= 0)
+        {
             AddChangedDescriptions();
             mJournal.Add(JournalClosing{inEndsWithMedia});
             result = mJournal.WriteThrough();
@@ -262,7 +257,7 @@ public:
             FitTracksToMedia(mWriter->GetTracks());
         }
         const Tolbin::Result closeResult = mWriter->Close();
-        mTracks.clear(); // Later calls are for the writer to refuse.
+        ForgetTracks();
         result = closeResult < 0 ? closeResult : mWriter->GetPlaceholderResult();
         if (result >= 0)
         {
@@ -283,19 +278,87 @@ public:
 private:
     struct Track
     {
-        TrackPtr track; //!< The writer's.
         boost::shared_ptr<QTSampleDescription> description;
-        StoredDescription stored; //!< As the journal has it.
+        StoredDescription stored;  //!< As the journal has it.
+        std::size_t journaled = 0; //!< How many of its samples the journal has; the others are pending.
     };
 
+    JournalWriter::Samples GetPending(std::size_t inTrack) const
+    {
+        return JournalWriter::Samples(mWriterTracks[inTrack]->samples).subspan(mTracks[inTrack].journaled);
+    }
+
+    //! `AddMediaSample` for all that do not stay pending.
+    [[gnu::noinline]] Tolbin::Result AddNow(TrackID inTrackID, void* inData, int inDataSize, std::int32_t inSampleCount,
+                                            std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag)
+    {
+        const TrackID track = inTrackID - kFirstTrackID;
+        if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
+        {
+            // Refuses, unless the track came without its record: `Close` fails then.
+            return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
+                                           inAuxFlag);
+        }
+        Tolbin::Result result = mFailure;
+        if (result >= 0 && (mWriter->GetMediaEnd() != mPendingBegin || mJournal.IsFull()))
+        {
+            result = AddPending();
+        }
+        if (result < 0)
+        {
+            return result;
+        }
+        JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, 0, false};
+        if (mWriter->GetMediaEnd() + inDataSize < mBlockEnd)
+        {
+            result = mWriter->AddToTrack(*mWriterTracks[track], inData, inDataSize, inSampleCount, inSampleDuration,
+                                         inAuxValue, inAuxFlag);
+            if (result >= 0)
+            {
+                sample.zeros = CountZeros(inData, inDataSize); // Copied a moment ago, they are in the cache.
+                mJournal.AddSample(sample);
+            }
+        }
+        else
+        {
+            sample.zeros = CountZeros(inData, inDataSize);
+            result = AddProbedSample(sample, inTrackID, inData, inAuxValue, inAuxFlag);
+        }
+        mTracks[track].journaled = mWriterTracks[track]->samples.size();
+        mPendingBegin = mWriter->GetMediaEnd();
+        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mPendingBegin + kMaxPendingSize);
+        return result;
+    }
+
+    //! Puts what is pending into the journal, and leaves room for a sample there.
+    Tolbin::Result AddPending()
+    {
+        for (std::size_t track = 0; track < mTracks.size(); ++track)
+        {
+            mPending[track] = GetPending(track);
+        }
+        Tolbin::Result result = Tolbin::kResultSuccess;
+        mJournal.AddSamples(mPending);
+        while (result >= 0 && mJournal.IsFull())
+        {
+            result = mJournal.Write();
+            mJournal.AddSamples(mPending);
+        }
+        for (std::size_t track = 0; track < mTracks.size(); ++track)
+        {
+            mTracks[track].journaled = mWriterTracks[track]->samples.size() - mPending[track].size();
+        }
+        return result;
+    }
+
     //! Adds a sample that makes a block go to disk, or the first: once the journal is on the device.
-    Tolbin::Result AddProbedSample(const JournalSample& inSample, std::int64_t inOffset, TrackID inTrackID,
-                                   void* inData, std::int32_t inAuxValue, bool inAuxFlag)
+    Tolbin::Result AddProbedSample(const JournalSample& inSample, TrackID inTrackID, void* inData,
+                                   std::int32_t inAuxValue, bool inAuxFlag)
     {
         AddChangedDescriptions();
         if (const std::uint32_t size = std::min(Bits32(inSample.size), kMaxProbeSize); size > 0)
         {
-            mJournal.Add(JournalProbe{inOffset, size, ChecksumOf(inData, size)});
+            mJournal.Add(JournalProbe{mWriter->GetMediaEnd(), size, ChecksumOf(inData, size)});
         }
         mJournal.AddUncertainSample(inSample);
         Tolbin::Result result = mJournal.WriteThrough();
@@ -316,7 +379,7 @@ private:
         }
         if (result < 0)
         {
-            mFailure = result;
+            Fail(result);
             mJournal.Revoke();
             static_cast<void>(mJournal.Write()); // The file ends before the sample does all the same.
         }
@@ -349,11 +412,25 @@ private:
         }
     }
 
+    //! No media can be added from now on, nor the movie be closed.
+    void Fail(Tolbin::Result inResult)
+    {
+        mFailure = inResult;
+        mPendingEnd = 0;
+    }
+
+    //! Later calls are for the writer to refuse.
+    void ForgetTracks()
+    {
+        mTracks.clear();
+        mWriterTracks.clear();
+    }
+
     //! Lets go of both files without writing to them. Every later call is out of order.
     void Abandon()
     {
         mWriter = boost::make_shared<PrivateReelmill>();
-        mTracks.clear();
+        ForgetTracks();
         static_cast<void>(mJournal.Close());
     }
 
@@ -362,7 +439,11 @@ private:
     boost::shared_ptr<PrivateReelmill> mWriter = boost::make_shared<PrivateReelmill>();
     JournalWriter mJournal;
     std::vector<Track> mTracks;
+    std::vector<JournalWriter::Samples> mPending; //!< By track; for `AddPending`.
+    std::vector<TrackPtr> mWriterTracks;          //!< As `mTracks`; apart, since each sample asks for it.
     std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
+    std::int64_t mPendingBegin = 0;                   //!< File offset: of what is pending, if anything is.
+    std::int64_t mPendingEnd = 0;                     //!< File offset: samples that end before it may stay pending.
     Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
     bool mWasCreated = false;
 };

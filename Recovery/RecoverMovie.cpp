@@ -305,6 +305,10 @@ private:
             mReport.bytesKept += Bits32(size);
             mKeptEnd = offset + size;
         }
+        if (isWhole && sample.endsChunk)
+        {
+            static_cast<void>(mWriter->EndMediaChunk(kFirstTrackID + sample.track)); // The track is there.
+        }
     }
 
     //! How many samples of a record fit into so many bytes.

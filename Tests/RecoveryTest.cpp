@@ -608,6 +608,104 @@ TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
     EXPECT_EQ(FindAtom(Movie(), "moov/trak/tapt").size(), 68u);
 }
 
+//! Fails every other frame of a journal that is full; media goes out in larger pieces. Counts both.
+class FrameFailingFileSystem final : public ForwardingFileSystem
+{
+public:
+    using ForwardingFileSystem::ForwardingFileSystem;
+
+    Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
+                 std::size_t& outWritten) override
+    {
+        outWritten = 0;
+        const bool isFullFrame = inLength >= 64 * 1024 && inLength < 128 * 1024;
+        return isFullFrame && mFrames++ % 2 == 0
+                   ? Tolbin::ResultFromSystemError(EIO)
+                   : ForwardingFileSystem::Write(inHandle, inOffset, inData, inLength, outWritten);
+    }
+
+    int GetFrames() const { return mFrames; }
+
+private:
+    int mFrames = 0;
+};
+
+//! Adds small samples to three tracks, in stretches that a journal has its own ways for, and fills the last block.
+//! Calls that fail are made again.
+void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, unsigned int inSeed, int inBlockSize)
+{
+    std::minstd_rand random(inSeed);
+    const auto chance = [&](unsigned int inOf) { return random() % inOf == 0; };
+    const auto succeed = [](const std::function<Result()>& inCall) {
+        int attempts = 1;
+        for (; attempts < 10 && inCall() < 0; ++attempts)
+        {
+        }
+        ASSERT_LT(attempts, 10);
+    };
+    succeed([&] { return ioWriter.Create(inPath, 600); });
+    QT::TrackID tracks[3] = {};
+    for (QT::TrackID& track : tracks)
+    {
+        succeed([&] {
+            return ioWriter.NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, QT::CreateTextDescription(), track);
+        });
+    }
+    int end = 0;
+    const auto add = [&](QT::TrackID inTrack, std::string inData, int inCount, int inDuration) {
+        const int size = static_cast<int>(inData.size());
+        succeed([&] { return ioWriter.AddMediaSample(inTrack, inData.data(), size, inCount, inDuration, 0, false); });
+        end += size;
+    };
+    for (int stretch = 0; stretch < 60; ++stretch)
+    {
+        const auto inTurn = 1 + random() % 3, first = random() % 3, sizes = 1 + random() % 2 * (random() % 300);
+        const auto durations = 1 + random() % 3, counts = 1 + random() % 2, length = random() % 200;
+        const bool hasZeros = chance(4), hasLarge = chance(4), endsChunks = chance(2), endsAll = chance(2);
+        for (std::size_t i = 0; i < length; ++i)
+        {
+            const QT::TrackID track = tracks[(first + i % inTurn) % 3];
+            std::string data(hasLarge && chance(8) ? 3000 : 1 + random() % sizes, 'x');
+            data.back() = hasZeros && chance(4) ? '\0' : 'x';
+            add(track, chance(50) ? std::string() : data, 1 + static_cast<int>(random() % counts),
+                static_cast<int>(random() % durations));
+            if (endsChunks && (endsAll || chance(5)))
+            {
+                succeed([&] { return ioWriter.EndMediaChunk(tracks[chance(20) ? 0 : (first + i % inTurn) % 3]); });
+            }
+        }
+    }
+    for (int i = 0; inBlockSize > (1 << 16) && i < 140000;
+         ++i) // Either half is more than a frame of the journal holds.
+    {
+        add(tracks[0], i < 70000 ? "x" : std::string(1 + random() % 2, '\0'), 1, i % 3);
+    }
+    add(tracks[0], std::string(static_cast<std::size_t>(inBlockSize - end % inBlockSize), 'x'), 1, 1);
+}
+
+TEST_F(Recovery, NothingOfSmallSamplesIsLost)
+{
+    for (unsigned int seed = 1; seed <= 30; ++seed)
+    {
+        const int kibibytes = seed % 3 == 0 ? 1024 : 4;
+        const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", std::to_string(kibibytes));
+        {
+            FrameFailingFileSystem failing(volume);
+            const Ventra::FileSystemScope failingScope(failing);
+            PlayStretches(*QT::CreateJournaledReelmill(), path, seed, kibibytes * 1024);
+            EXPECT_EQ(failing.GetFrames() > 2, kibibytes > 4);
+        }
+        RecoveryReport report;
+        ASSERT_EQ(Recover(report), 0);
+        EXPECT_EQ(report.samplesDropped + report.bytesCut, 0u);
+        const BinaryDataArray recovered = TimelessMovie();
+        const auto plain = QT::CreateReelmill();
+        PlayStretches(*plain, path, seed, kibibytes * 1024);
+        ASSERT_EQ(plain->Close(), 0);
+        EXPECT_SAME_BYTES(recovered, TimelessMovie()) << "seed " << seed;
+    }
+}
+
 //! A volume on which no file gets longer than the movie is.
 class FullFileSystem final : public ForwardingFileSystem
 {
