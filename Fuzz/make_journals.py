@@ -74,11 +74,13 @@ def sample(index=None, size=None, count=None, duration=None, zeros=None, chunk=0
 
 
 def sizes(*values):
-    return record(SIZES + len(values) - 1, *values)
+    return record(SIZES + len(values) - 1, *(2 * size for size in values))
 
 
-def times(*values):
-    return record(TIMES + len(values) // 2 - 1, *values)
+def times(*rows):
+    """Rows of size, zeros and duration."""
+    fields = [(2 * size + (zeros > 0), *[zeros][:zeros], duration) for size, zeros, duration in rows]
+    return record(TIMES + len(rows) - 1, *(field for row in fields for field in row))
 
 
 def crc32c(data):
@@ -124,7 +126,7 @@ def main(corpus):
                             sample(0, 20, 1, 1) + sample() + sample() + sample() + sample()),
         "in-turn": seed(large_room, media, movie(large_room), track(VIDEO, 25) + track(SOUND, 48000),
                         sample(0, 10, 1, 1, chunk=CHUNK) + sample(1, 4, 1, 1) + sample(0, 10) + sizes(4, 9, 5, 11, 3),
-                        times(4, 2, 9, 1) + record(11, 2) + sample(chunk=CHUNK) + sizes(*range(1, 20))),
+                        times((4, 0, 2), (9, 1, 1)) + record(11, 2) + sample(chunk=CHUNK) + sizes(*range(1, 20))),
         "all-kinds": seed(large_room, media, movie(large_room), track(VIDEO, 25) + track(TEXT, 25),
                           trim_in(0, 50) + trim_in(1, -1) + user_data(MOVIE_DATA, b"title") + user_data(1, b""),
                           reference(0, 1, 257) + reference(1, 0, 256) + description(1, TEXT_ENTRY + b"more"),

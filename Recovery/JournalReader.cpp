@@ -179,27 +179,51 @@ bool JournalReader::ReadSample(std::uint8_t inFlags, JournalSample& outSample)
     {
         return false;
     }
-    outSample.track = mTracks[mTrack].next;
-    if ((has(kSampleTrackFlag) && !ReadNumber(outSample.track)) || outSample.track >= mTracks.size())
+    std::uint64_t track = mTracks[mTrack].next;
+    if (has(kSampleTrackFlag) && !ReadTrack(track))
     {
         return false;
     }
-    const JournalSample& last = mTracks[outSample.track].last;
-    outSample.size = last.size;
-    outSample.count = last.count;
-    outSample.duration = last.duration;
-    outSample.endsChunk = last.endsChunk != has(kSampleChunkFlag);
-    const bool isRead = (!has(kSampleSizeFlag) || ReadNumber(outSample.size)) &&
-                        (!has(kSampleCountFlag) || ReadNumber(outSample.count)) &&
-                        (!has(kSampleDurationFlag) || ReadNumber(outSample.duration)) &&
-                        (!has(kSampleZerosFlag) || ReadNumber(outSample.zeros));
-    if (!isRead || outSample.size < 0 || outSample.count < 0 || outSample.zeros > Bits32(outSample.size))
+    outSample = mTracks[track].last;
+    outSample.track = track;
+    outSample.zeros = 0;
+    outSample.endsChunk = outSample.endsChunk != has(kSampleChunkFlag);
+    return (!has(kSampleSizeFlag) || ReadNumber(outSample.size)) &&
+           (!has(kSampleCountFlag) || ReadNumber(outSample.count)) &&
+           (!has(kSampleDurationFlag) || ReadNumber(outSample.duration)) &&
+           (!has(kSampleZerosFlag) || ReadNumber(outSample.zeros)) && TakeSample(outSample);
+}
+
+bool JournalReader::ReadSampleOfGroup(JournalSample& outSample)
+{
+    if (mTracks.empty())
     {
         return false;
     }
-    mTracks[mTrack].next = outSample.track;
-    mTrack = outSample.track;
-    mTracks[mTrack].last = outSample;
+    const std::uint64_t track = mTracks[mTrack].next;
+    outSample = mTracks[track].last;
+    outSample.track = track;
+    outSample.zeros = 0;
+    std::uint64_t bytes = 0;
+    if (!ReadNumber(bytes) || bytes / 2 > std::uint64_t{std::numeric_limits<std::int32_t>::max()})
+    {
+        return false;
+    }
+    outSample.size = static_cast<std::int32_t>(bytes / 2);
+    return (bytes % 2 == 0 || ReadNumber(outSample.zeros)) && (!mGroupHasDurations || ReadNumber(outSample.duration)) &&
+           TakeSample(outSample);
+}
+
+//! Remembers a sample for those behind it; not one that makes no sense.
+bool JournalReader::TakeSample(const JournalSample& inSample)
+{
+    if (inSample.size < 0 || inSample.count < 0 || inSample.zeros > Bits32(inSample.size))
+    {
+        return false;
+    }
+    mTracks[mTrack].next = inSample.track;
+    mTrack = inSample.track;
+    mTracks[mTrack].last = inSample;
     return true;
 }
 
@@ -210,20 +234,15 @@ bool JournalReader::ReadRecord(JournalRecord& outRecord)
     {
         return ReadSample(kind, outRecord.emplace<JournalSample>());
     }
-    if ((kind & kSizesFlag) != 0)
+    if ((kind & (kSizesFlag | kTimesFlag)) != 0)
     {
-        mGroupFlags = kSampleFlag | kSampleSizeFlag;
-        mGroupLeft = kind - kSizesFlag + 1u;
-    }
-    else if ((kind & kTimesFlag) != 0)
-    {
-        mGroupFlags = kSampleFlag | kSampleSizeFlag | kSampleDurationFlag;
-        mGroupLeft = kind - kTimesFlag + 1u;
+        mGroupHasDurations = (kind & kSizesFlag) == 0;
+        mGroupLeft = kind % (mGroupHasDurations ? kMaxTimes : kMaxSizes) + 1;
     }
     if (mGroupLeft > 0)
     {
         --mGroupLeft;
-        return ReadSample(mGroupFlags, outRecord.emplace<JournalSample>());
+        return ReadSampleOfGroup(outRecord.emplace<JournalSample>());
     }
     switch (static_cast<JournalKind>(kind))
     {

@@ -34,6 +34,8 @@ private:
     Tolbin::Result ReadFrame(bool& outIsWhole);
     bool ReadRecord(JournalRecord& outRecord);
     bool ReadSample(std::uint8_t inFlags, JournalSample& outSample);
+    bool ReadSampleOfGroup(JournalSample& outSample);
+    bool TakeSample(const JournalSample& inSample);
     bool ReadDescription(StoredDescription& outDescription);
     bool ReadTrack(std::uint64_t& outTrack);
     template <typename T>
@@ -46,8 +48,8 @@ private:
     std::vector<std::uint8_t> mFrame; //!< Records of the current frame.
     std::size_t mPosition = 0;        //!< In it.
     std::uint64_t mTrack = 0;         //!< Of the last sample.
-    std::uint8_t mGroupFlags = 0;     //!< Of each sample of the group.
-    std::size_t mGroupLeft = 0;       //!< Samples of it to come.
+    std::size_t mGroupLeft = 0;       //!< Samples of the current group to come.
+    bool mGroupHasDurations = false;
     std::vector<JournalTrackState> mTracks;
     bool mIsEnded = false;
 };

@@ -16,15 +16,16 @@
 //   frame    = JournalFrameHeader record*          what was collected and written in one go
 //   record   = sample | group | kind field*        kind: one byte, below 0x20
 //   sample   = flags [track] [size] [count] [duration] [zeros]
-//   group    = number size*                        number: one byte, 0x40 for one sample to 0x7F for 64
-//            | number (size duration)*             number: one byte, 0x20 for one sample to 0x3F for 32
+//   group    = number (bytes [zeros])*             number: one byte, 0x40 for one sample to 0x7F for 64
+//            | number (bytes [zeros] duration)*    number: one byte, 0x20 for one sample to 0x3F for 32
 //
 // A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
 // bytes and the bytes. A sample's flags say which of its fields are there. What is missing is as in the track's sample
 // before (size, count, duration, whether it ends its chunk; 0 each for its first) or 0 (zeros). A track that is missing
 // is the one that came last time behind a sample of the same track as the sample before, or else that track again: so
-// tracks in turn need not be named. Samples that give nothing but their size, or size and duration, may stand together
-// as a group, and those that are as the one right before may be a repetition.
+// tracks in turn need not be named. Samples that give nothing but size and zeros, or duration as well, may stand
+// together as a group; its bytes are twice the size, and 1 more where zeros follow. Samples that are as the one right
+// before may be a repetition.
 //
 // A journal ends where the next frame is not whole: at the end of the file, at a length of 0, at a checksum that does
 // not agree. Everything before that counts.

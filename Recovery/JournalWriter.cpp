@@ -22,6 +22,20 @@ std::uint8_t* StoreNumber(std::uint8_t* outBytes, std::uint64_t inNumber)
     return outBytes;
 }
 
+//! Writes what a group tells of a sample's bytes. No processor can foresee whether they end in zeros: no branch hangs on
+//! it where samples are small.
+std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
+{
+    const std::uint64_t bytes = 2 * std::uint64_t{Bits32(inSample.dataSize)} + (inSample.zeros != 0 ? 1 : 0);
+    std::uint8_t* const end = StoreNumber(outBytes, bytes);
+    if (bytes < 0x80)
+    {
+        *end = static_cast<std::uint8_t>(inSample.zeros);
+        return end + bytes % 2;
+    }
+    return inSample.zeros != 0 ? StoreNumber(end, inSample.zeros) : end;
+}
+
 } // namespace
 
 Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
@@ -101,89 +115,117 @@ void JournalWriter::AddSamples(std::span<Samples> ioSamples)
 //! Adds samples of one track. \return how many there was room for.
 std::size_t JournalWriter::AddRun(std::uint64_t inTrack, Samples inSamples)
 {
-    constexpr std::size_t kFewSizes = 4; // More fit into a group with durations.
-    const JournalTrackState& track = mTracks[inTrack];
-    const auto isAlike = [&](const MediaSampleRec& inSample) {
-        return inSample.sampleCount == track.last.count && inSample.endsChunk == track.last.endsChunk;
-    };
-    const auto isTimedAlike = [&](const MediaSampleRec& inSample) {
-        return inSample.sampleDuration == track.last.duration && isAlike(inSample);
-    };
-    const auto isSame = [&](const MediaSampleRec& inSample) {
-        return inSample.dataSize == track.last.size && isTimedAlike(inSample);
-    };
-    const auto inFront = [](Samples inAll, std::size_t inMost, const auto& inWhich) {
-        const Samples most = inAll.first(std::min(inMost, inAll.size()));
-        return Samples(most.begin(), std::find_if_not(most.begin(), most.end(), inWhich));
-    };
     Samples left = inSamples;
     while (!left.empty() && !IsFull())
     {
-        const MediaSampleRec& sample = left.front();
-        AddSample({inTrack, sample.dataSize, sample.sampleCount, sample.sampleDuration, 0, sample.endsChunk});
-        left = left.subspan(1);
-        const Samples same = inFront(left, kMaxRepeats - mRepeats, isSame);
-        mRepeats += static_cast<std::uint32_t>(same.size());
-        left = left.subspan(same.size());
-        if (track.next == inTrack)
+        std::size_t count = inTrack == mTrack ? AddRepeats(left) : 0;
+        if (count == 0 && inTrack == mTrack && mTracks[inTrack].next == inTrack)
         {
-            const Samples sizes = inFront(left, kMaxSizes, isTimedAlike);
-            const Samples group = sizes.size() < kFewSizes ? inFront(left, kMaxTimes, isAlike) : sizes;
-            PutGroup(group, group.size() != sizes.size());
-            left = left.subspan(group.size());
+            PutRepeats();
+            count = PutGroup<kSizesFlag, kMaxSizes>(left);
+            count = count < kFewSizes ? PutGroup<kTimesFlag, kMaxTimes>(left) : count;
         }
+        if (count == 0)
+        {
+            const MediaSampleRec& sample = left.front();
+            AddSample(
+                {inTrack, sample.dataSize, sample.sampleCount, sample.sampleDuration, sample.zeros, sample.endsChunk});
+            count = 1;
+        }
+        left = left.subspan(count);
     }
     return inSamples.size() - left.size();
 }
 
-//! Puts samples of the track of the last one, which need not say more than their sizes, or sizes and durations.
-void JournalWriter::PutGroup(Samples inSamples, bool inHasDurations)
+//! Counts the samples in front that are as the last one. \return how many.
+std::size_t JournalWriter::AddRepeats(Samples inSamples)
 {
-    if (inSamples.empty())
+    const JournalSample last = mTracks[mTrack].last;
+    const std::size_t most = mIsRepeatable ? std::min<std::size_t>(kMaxRepeats - mRepeats, inSamples.size()) : 0;
+    std::size_t count = 0;
+    while (count < most && inSamples[count].dataSize == last.size && inSamples[count].sampleCount == last.count &&
+           inSamples[count].sampleDuration == last.duration && inSamples[count].endsChunk == last.endsChunk &&
+           inSamples[count].zeros == last.zeros)
     {
-        return;
+        ++count;
     }
-    PutRepeats();
-    std::uint8_t* end = mFrame.data() + mEnd;
-    *end++ = static_cast<std::uint8_t>((inHasDurations ? kTimesFlag : kSizesFlag) + inSamples.size() - 1);
-    for (const MediaSampleRec& sample : inSamples)
-    {
-        end = StoreNumber(end, Bits32(sample.dataSize));
-        end = inHasDurations ? StoreNumber(end, Bits32(sample.sampleDuration)) : end;
-    }
-    mEnd = static_cast<std::size_t>(end - mFrame.data());
-    mTracks[mTrack].last.size = inSamples.back().dataSize;
-    mTracks[mTrack].last.duration = inSamples.back().sampleDuration;
+    mRepeats += static_cast<std::uint32_t>(count);
+    return count;
 }
 
-//! Puts samples of tracks in turn, as long as they need not say more than their sizes.
+//! Puts the samples in front, which are of the last one's track, as long as a group can say what there is to say.
+//! \return how many. Fewer sizes than `kFewSizes` are not put, though they are counted.
+template <std::uint8_t kGroupFlag, std::size_t kMaxSamples>
+std::size_t JournalWriter::PutGroup(Samples inSamples)
+{
+    const JournalSample last = mTracks[mTrack].last;
+    std::uint8_t* const begin = mFrame.data() + mEnd;
+    std::uint8_t* end = begin + 1;
+    const std::size_t most = std::min(kMaxSamples, inSamples.size());
+    std::size_t count = 0;
+    for (; count < most; ++count)
+    {
+        const MediaSampleRec& sample = inSamples[count];
+        if (sample.sampleCount != last.count || sample.endsChunk != last.endsChunk ||
+            (kGroupFlag == kSizesFlag && sample.sampleDuration != last.duration))
+        {
+            break;
+        }
+        end = StoreBytes(end, sample);
+        if (kGroupFlag == kTimesFlag)
+        {
+            end = StoreNumber(end, Bits32(sample.sampleDuration));
+        }
+    }
+    if (count >= (kGroupFlag == kSizesFlag ? kFewSizes : 1))
+    {
+        *begin = static_cast<std::uint8_t>(kGroupFlag + count - 1);
+        mEnd = static_cast<std::size_t>(end - mFrame.data());
+        mTracks[mTrack].last.size = inSamples[count - 1].dataSize;
+        mTracks[mTrack].last.duration = inSamples[count - 1].sampleDuration;
+        mTracks[mTrack].last.zeros = inSamples[count - 1].zeros;
+        mIsRepeatable = true;
+    }
+    return count;
+}
+
+//! Puts samples of tracks in turn, as long as a group can say what there is to say.
 void JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset)
 {
     PutRepeats();
+    JournalTrackState* const tracks = mTracks.data(); // Held here, since stores of bytes might change any member.
+    std::uint64_t track = mTrack;
     std::uint8_t* const begin = mFrame.data() + mEnd;
     std::uint8_t* end = begin + 1;
     std::size_t count = 0;
     for (; count < kMaxSizes; ++count)
     {
-        const std::uint64_t track = mTracks[mTrack].next;
-        JournalSample& last = mTracks[track].last;
-        Samples& samples = ioSamples[track];
-        if (samples.empty() || samples.front().fileOffset != inOffset || samples.front().sampleCount != last.count ||
-            samples.front().sampleDuration != last.duration || samples.front().endsChunk != last.endsChunk)
+        const std::uint64_t next = tracks[track].next;
+        JournalSample& last = tracks[next].last;
+        Samples& samples = ioSamples[next];
+        if (samples.empty())
         {
             break;
         }
-        last.size = samples.front().dataSize;
-        last.zeros = 0;
-        end = StoreNumber(end, Bits32(last.size));
-        inOffset += last.size;
+        const MediaSampleRec& sample = samples.front();
+        if (sample.fileOffset != inOffset || sample.sampleCount != last.count ||
+            sample.sampleDuration != last.duration || sample.endsChunk != last.endsChunk)
+        {
+            break;
+        }
+        end = StoreBytes(end, sample);
+        last.size = sample.dataSize;
+        last.zeros = sample.zeros;
+        inOffset += sample.dataSize;
         samples = samples.subspan(1);
-        mTrack = track;
+        track = next;
     }
+    mTrack = track;
     if (count > 0)
     {
         *begin = static_cast<std::uint8_t>(kSizesFlag + count - 1);
         mEnd = static_cast<std::size_t>(end - mFrame.data());
+        mIsRepeatable = true;
     }
 }
 

@@ -31,8 +31,8 @@ public:
     //! Room for it must have been made: `IsFull` is false. Throws nothing.
     void AddSample(const JournalSample& inSample);
 
-    //! As `AddSample`, for samples that are in the movie already, each of some size and with another byte than zero at
-    //! its end, in the order of their places there. Throws nothing.
+    //! As `AddSample`, for samples that are in the movie already, each of some size, in the order of their places there.
+    //! Throws nothing.
     //! \param ioSamples  by track; what is left over when the journal is full
     void AddSamples(std::span<Samples> ioSamples);
 
@@ -66,10 +66,13 @@ private:
     //! Flags and fields, the repetition before them or the revocation behind, and the group of those that follow.
     static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize) + 1 + kMaxSizes * kMaxNumberSize;
     static constexpr std::uint32_t kMaxRepeats = 0xFFFF;
+    static constexpr std::size_t kFewSizes = 4; //!< Fewer are put with their durations, which may allow for more.
 
     void PutSample(const JournalSample& inSample);
     std::size_t AddRun(std::uint64_t inTrack, Samples inSamples);
-    void PutGroup(Samples inSamples, bool inHasDurations);
+    std::size_t AddRepeats(Samples inSamples);
+    template <std::uint8_t kGroupFlag, std::size_t kMaxSamples>
+    std::size_t PutGroup(Samples inSamples);
     void PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset);
     void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -22,8 +23,7 @@ namespace
 
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
-constexpr int kMaxPendingSample = 1024;             //!< Bytes; the last of more need not be in the caches yet.
-constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that what is kept of them is there still.
+constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that their records are in the caches still.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
@@ -35,7 +35,7 @@ Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
     return result < 0 ? result : file.Sync();
 }
 
-//! How many bytes at the end are zero; there are some. Silence and black are nothing but zeros: they are looked through
+//! How many bytes at the end are zero. Silence and black are nothing but zeros: they are looked through
 //! 32 bytes at a time.
 [[gnu::noinline]] std::uint32_t CountSomeZeros(const char* inData, std::size_t inSize)
 {
@@ -57,12 +57,17 @@ Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
     return static_cast<std::uint32_t>(inSize - size);
 }
 
-//! How many bytes at the end are zero.
+//! How many bytes at the end are zero. No processor can foresee whether some are: no branch hangs on a few.
 inline std::uint32_t CountZeros(const void* inData, int inSize)
 {
     const auto* const data = static_cast<const char*>(inData);
     const auto size = static_cast<std::size_t>(inSize);
-    return size == 0 || data[size - 1] != 0 ? 0 : CountSomeZeros(data, size);
+    boost::endian::little_uint64_t last = 0;
+    if (size >= sizeof(last))
+    {
+        std::memcpy(&last, data + size - sizeof(last), sizeof(last));
+    }
+    return last != 0 ? static_cast<std::uint32_t>(std::countl_zero(last.value())) / 8 : CountSomeZeros(data, size);
 }
 
 } // namespace
@@ -151,15 +156,20 @@ public:
                                                    std::int32_t inAuxValue, bool inAuxFlag) override
     {
         const TrackID track = inTrackID - kFirstTrackID;
-        const bool isSmall = track < mWriterTracks.size() && inData != nullptr && inDataSize > 0 &&
-                             inDataSize <= kMaxPendingSample && inSampleCount >= 0 &&
-                             static_cast<const char*>(inData)[inDataSize - 1] != 0;
-        if (isSmall && mWriter->GetMediaEnd() + inDataSize < mPendingEnd)
+        if (track >= mWriterTracks.size() || inData == nullptr || inDataSize <= 0 || inSampleCount < 0 ||
+            mWriter->GetMediaEnd() + inDataSize >= mPendingEnd)
         {
-            return mWriter->AddToTrack(*mWriterTracks[track], inData, inDataSize, inSampleCount, inSampleDuration,
-                                       inAuxValue, inAuxFlag);
+            return AddNow(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
         }
-        return AddNow(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
+        TrackRec& writerTrack = *mWriterTracks[track];
+        const Tolbin::Result result = mWriter->AddToTrack(writerTrack, inData, inDataSize, inSampleCount,
+                                                          inSampleDuration, inAuxValue, inAuxFlag);
+        if (result >= 0)
+        {
+            // Copied a moment ago, the bytes are in the caches.
+            writerTrack.samples.back().zeros = static_cast<std::uint16_t>(CountZeros(inData, inDataSize));
+        }
+        return result;
     }
 
     Tolbin::Result EndMediaChunk(TrackID inTrackID) override
@@ -315,7 +325,7 @@ private:
                                          inAuxValue, inAuxFlag);
             if (result >= 0)
             {
-                sample.zeros = CountZeros(inData, inDataSize); // Copied a moment ago, they are in the cache.
+                sample.zeros = CountZeros(inData, inDataSize);
                 mJournal.AddSample(sample);
             }
         }
