@@ -99,7 +99,7 @@ def seed(room, media, *frames):
 
 def raw_seed(media, *frames):
     """The whole journal, and a movie whose 'moov' has no room in front."""
-    journal = b"reeljrnl" + struct.pack(">I", 1)
+    journal = b"reeljrnl" + struct.pack(">I", 2)
     journal += struct.pack(">I", crc32c(journal))
     for records in frames:
         size = struct.pack(">I", len(records))

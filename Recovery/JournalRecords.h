@@ -22,8 +22,8 @@
 // A field is an unsigned LEB128 number of at most 64 bits (signed ones as their two's-complement bits), or a number of
 // bytes and the bytes. A sample's flags say which of its fields are there. What is missing is as in the track's sample
 // before (size, count, duration, whether it ends its chunk; 0 each for its first) or 0 (zeros). A track that is missing
-// is the one that came last time behind a sample of the same track as the sample before, or else that track again: so
-// tracks in turn need not be named. Samples that give nothing but size and zeros, or duration as well, may stand
+// is the one that came last time behind a sample of the same track as the sample before, or else that track again
+// (repetitions do not count, and the first sample of all is of track 0): so tracks in turn need not be named. Samples that give nothing but size and zeros, or duration as well, may stand
 // together as a group; its bytes are twice the size, and 1 more where zeros follow. Samples that are as the one right
 // before may be a repetition.
 //
@@ -36,7 +36,7 @@ namespace QT
 using boost::endian::big_uint32_t;
 using boost::endian::big_uint64_t;
 
-constexpr std::uint32_t kJournalVersion = 1;
+constexpr std::uint32_t kJournalVersion = 2;
 
 struct JournalHeader
 {
@@ -65,7 +65,7 @@ constexpr std::uint8_t kSampleSizeFlag = 0x02;
 constexpr std::uint8_t kSampleCountFlag = 0x04;
 constexpr std::uint8_t kSampleDurationFlag = 0x08;
 constexpr std::uint8_t kSampleZerosFlag = 0x10;
-constexpr std::uint8_t kSampleChunkFlag = 0x20; //!< Whether it ends its chunk is other than of the sample before.
+constexpr std::uint8_t kSampleChunkFlag = 0x20; //!< The other way round: whether it ends its chunk.
 
 //! The marks of groups; the bits below them are the number of samples less one.
 constexpr std::uint8_t kSizesFlag = 0x40;

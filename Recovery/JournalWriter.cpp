@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 namespace QT
 {
@@ -11,7 +10,7 @@ namespace
 {
 
 //! Writes an unsigned LEB128 number and returns what is behind it.
-std::uint8_t* StoreNumber(std::uint8_t* outBytes, std::uint64_t inNumber)
+[[gnu::always_inline]] inline std::uint8_t* StoreNumber(std::uint8_t* outBytes, std::uint64_t inNumber)
 {
     while (inNumber >= 0x80)
     {
@@ -24,7 +23,7 @@ std::uint8_t* StoreNumber(std::uint8_t* outBytes, std::uint64_t inNumber)
 
 //! Writes what a group tells of a sample's bytes. No processor can foresee whether they end in zeros: no branch hangs on
 //! it where samples are small.
-std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
+[[gnu::always_inline]] inline std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
 {
     const std::uint64_t bytes = 2 * std::uint64_t{Bits32(inSample.dataSize)} + (inSample.zeros != 0 ? 1 : 0);
     std::uint8_t* const end = StoreNumber(outBytes, bytes);
@@ -34,6 +33,16 @@ std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
         return end + bytes % 2;
     }
     return inSample.zeros != 0 ? StoreNumber(end, inSample.zeros) : end;
+}
+
+//! The samples in front that lie one behind the other, without those of other tracks in between.
+JournalWriter::Samples BackToBack(JournalWriter::Samples inSamples)
+{
+    const auto isApart = [](const MediaSampleRec& inOne, const MediaSampleRec& inNext) {
+        return inOne.fileOffset + inOne.dataSize != inNext.fileOffset;
+    };
+    const auto last = std::adjacent_find(inSamples.begin(), inSamples.end(), isApart);
+    return last == inSamples.end() ? inSamples : JournalWriter::Samples(inSamples.begin(), last + 1);
 }
 
 } // namespace
@@ -80,34 +89,30 @@ void JournalWriter::AddSample(const JournalSample& inSample)
 
 void JournalWriter::AddSamples(std::span<Samples> ioSamples)
 {
-    constexpr std::int64_t kNowhere = std::numeric_limits<std::int64_t>::max();
+    const auto hasSamples = [](const Samples& inSamples) { return !inSamples.empty(); };
+    const auto isBefore = [](const Samples& inOne, const Samples& inOther) {
+        return !inOne.empty() && (inOther.empty() || inOne.front().fileOffset < inOther.front().fileOffset);
+    };
+    const bool isOneTrack = std::count_if(ioSamples.begin(), ioSamples.end(), hasSamples) == 1;
+    std::int64_t offset = 0; // Behind the last sample.
     while (!IsFull())
     {
-        std::int64_t first = kNowhere;
-        std::int64_t second = kNowhere; // The first of the other tracks.
-        std::uint64_t track = 0;
-        for (std::size_t i = 0; i < ioSamples.size(); ++i)
+        auto first = ioSamples.begin() + static_cast<std::ptrdiff_t>(ioSamples.empty() ? 0 : mTracks[mTrack].next);
+        if (first == ioSamples.end() || first->empty() || first->front().fileOffset != offset)
         {
-            const std::int64_t offset = ioSamples[i].empty() ? kNowhere : ioSamples[i].front().fileOffset;
-            track = offset < first ? i : track;
-            second = std::min(second, std::max(first, offset));
-            first = std::min(first, offset);
+            first = std::min_element(ioSamples.begin(), ioSamples.end(), isBefore); // Not the one that was foreseen.
         }
-        if (first == kNowhere)
+        if (first == ioSamples.end() || first->empty())
         {
             return;
         }
-        Samples& samples = ioSamples[track];
-        Samples run = samples;
-        if (run.back().fileOffset > second)
+        const Samples run = isOneTrack ? *first : BackToBack(*first);
+        const std::size_t count = AddRun(static_cast<std::uint64_t>(first - ioSamples.begin()), run);
+        offset = run[count - 1].fileOffset + run[count - 1].dataSize;
+        *first = first->subspan(count);
+        if (!isOneTrack && !IsFull() && PutTurns<kSizesFlag, kMaxSizes>(ioSamples, offset) == 0)
         {
-            const auto isBehind = [second](const MediaSampleRec& inSample) { return inSample.fileOffset > second; };
-            run = Samples(run.begin(), std::find_if(run.begin(), run.end(), isBehind));
-        }
-        samples = samples.subspan(AddRun(track, run));
-        if (second != kNowhere && !IsFull())
-        {
-            PutTurns(ioSamples, second);
+            PutTurns<kTimesFlag, kMaxTimes>(ioSamples, offset);
         }
     }
 }
@@ -189,16 +194,19 @@ std::size_t JournalWriter::PutGroup(Samples inSamples)
     return count;
 }
 
-//! Puts samples of tracks in turn, as long as a group can say what there is to say.
-void JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset)
+//! Puts samples of tracks in turn, the first of which lies at this place, as long as a group can say what there is to
+//! say. \return how many.
+template <std::uint8_t kGroupFlag, std::size_t kMaxSamples>
+std::size_t JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t& ioOffset)
 {
     PutRepeats();
     JournalTrackState* const tracks = mTracks.data(); // Held here, since stores of bytes might change any member.
     std::uint64_t track = mTrack;
+    std::int64_t offset = ioOffset;
     std::uint8_t* const begin = mFrame.data() + mEnd;
     std::uint8_t* end = begin + 1;
     std::size_t count = 0;
-    for (; count < kMaxSizes; ++count)
+    for (; count < kMaxSamples; ++count)
     {
         const std::uint64_t next = tracks[track].next;
         JournalSample& last = tracks[next].last;
@@ -208,25 +216,32 @@ void JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset
             break;
         }
         const MediaSampleRec& sample = samples.front();
-        if (sample.fileOffset != inOffset || sample.sampleCount != last.count ||
-            sample.sampleDuration != last.duration || sample.endsChunk != last.endsChunk)
+        if (sample.fileOffset != offset || sample.sampleCount != last.count || sample.endsChunk != last.endsChunk ||
+            (kGroupFlag == kSizesFlag && sample.sampleDuration != last.duration))
         {
             break;
         }
         end = StoreBytes(end, sample);
+        if (kGroupFlag == kTimesFlag)
+        {
+            end = StoreNumber(end, Bits32(sample.sampleDuration));
+        }
         last.size = sample.dataSize;
+        last.duration = sample.sampleDuration;
         last.zeros = sample.zeros;
-        inOffset += sample.dataSize;
+        offset += sample.dataSize;
         samples = samples.subspan(1);
         track = next;
     }
-    mTrack = track;
     if (count > 0)
     {
-        *begin = static_cast<std::uint8_t>(kSizesFlag + count - 1);
+        *begin = static_cast<std::uint8_t>(kGroupFlag + count - 1);
         mEnd = static_cast<std::size_t>(end - mFrame.data());
+        mTrack = track;
         mIsRepeatable = true;
+        ioOffset = offset;
     }
+    return count;
 }
 
 // Only single fields are copied: a whole sample that was put together a moment ago is not ready to be read as a whole.

@@ -63,7 +63,7 @@ public:
 private:
     static constexpr std::size_t kFullSize = 64 * 1024;
     static constexpr std::size_t kMaxNumberSize = 10; //!< 64 bits, 7 a byte.
-    //! Flags and fields, the repetition before them or the revocation behind, and the group of those that follow.
+    //! Flags and fields, the repetitions around them or the revocation behind, and the group of those that follow.
     static constexpr std::size_t kMaxSampleSize = 2 * (1 + 5 * kMaxNumberSize) + 1 + kMaxSizes * kMaxNumberSize;
     static constexpr std::uint32_t kMaxRepeats = 0xFFFF;
     static constexpr std::size_t kFewSizes = 4; //!< Fewer are put with their durations, which may allow for more.
@@ -73,7 +73,8 @@ private:
     std::size_t AddRepeats(Samples inSamples);
     template <std::uint8_t kGroupFlag, std::size_t kMaxSamples>
     std::size_t PutGroup(Samples inSamples);
-    void PutTurns(std::span<Samples> ioSamples, std::int64_t inOffset);
+    template <std::uint8_t kGroupFlag, std::size_t kMaxSamples>
+    std::size_t PutTurns(std::span<Samples> ioSamples, std::int64_t& ioOffset);
     void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);
     void PutKind(JournalKind inKind, std::size_t inFieldSize);

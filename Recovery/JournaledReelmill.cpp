@@ -23,7 +23,7 @@ namespace
 
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
-constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that their records are in the caches still.
+constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that their records are still in the caches.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
@@ -74,7 +74,7 @@ inline std::uint32_t CountZeros(const void* inData, int inSize)
 
 //! Forwards every call to a writer and puts what succeeded into the journal. A sample's record is written before the
 //! sample whose bytes make a block go to disk, so that no media on disk is unknown to the journal on disk. Until then
-//! the journal need not know a sample: small ones stay pending, some thousands of them, and are put into it together,
+//! the journal need not know a sample: small ones stay pending for a while, and are put into it together,
 //! from what the writer keeps of them anyway.
 class JournaledReelmill final : public Reelmill
 {
@@ -452,7 +452,7 @@ private:
     std::vector<JournalWriter::Samples> mPending; //!< By track; for `AddPending`.
     std::vector<TrackPtr> mWriterTracks;          //!< As `mTracks`; apart, since each sample asks for it.
     std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
-    std::int64_t mPendingBegin = 0;                   //!< File offset: of what is pending, if anything is.
+    std::int64_t mPendingBegin = 0;                   //!< File offset: nothing is pending where the media ends here.
     std::int64_t mPendingEnd = 0;                     //!< File offset: samples that end before it may stay pending.
     Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
     bool mWasCreated = false;

@@ -173,8 +173,8 @@ Script MakeScript(int inUserDataSize)
             }),
             Sample(257, 0),
             Sample(256, 3000), // The fourth block.
-            Sample(257, 700),
             Text(u"Last"),
+            Sample(257, 700),
             {Step::Close, 0, [](QT::Reelmill& ioWriter) { return ioWriter.Close(); }}};
 }
 

@@ -608,7 +608,7 @@ TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
     EXPECT_EQ(FindAtom(Movie(), "moov/trak/tapt").size(), 68u);
 }
 
-//! Fails every other frame of a journal that is full; media goes out in larger pieces. Counts both.
+//! Fails every other full frame of a journal, and counts them. Blocks of media have other sizes.
 class FrameFailingFileSystem final : public ForwardingFileSystem
 {
 public:
