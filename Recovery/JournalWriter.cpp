@@ -21,6 +21,23 @@ namespace
     return outBytes;
 }
 
+//! Count and duration, to be compared at once; or the count alone.
+template <bool kWithDuration>
+std::uint64_t TimesOf(std::int32_t inCount, std::int32_t inDuration)
+{
+    return std::uint64_t{Bits32(inCount)} | (kWithDuration ? std::uint64_t{Bits32(inDuration)} << 32 : 0);
+}
+
+//! Whether a sample differs from its track's last in no more than a group can say.
+template <std::uint8_t kGroupFlag>
+bool FitsGroup(const MediaSampleRec& inSample, const JournalSample& inLast)
+{
+    constexpr bool kWithDuration = kGroupFlag == kSizesFlag;
+    return TimesOf<kWithDuration>(inSample.sampleCount, inSample.sampleDuration) ==
+               TimesOf<kWithDuration>(inLast.count, inLast.duration) &&
+           inSample.endsChunk == inLast.endsChunk;
+}
+
 //! Writes what a group tells of a sample's bytes. No processor can foresee whether they end in zeros: no branch hangs on
 //! it where samples are small.
 [[gnu::always_inline]] inline std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
@@ -148,9 +165,8 @@ std::size_t JournalWriter::AddRepeats(Samples inSamples)
     const JournalSample last = mTracks[mTrack].last;
     const std::size_t most = mIsRepeatable ? std::min<std::size_t>(kMaxRepeats - mRepeats, inSamples.size()) : 0;
     std::size_t count = 0;
-    while (count < most && inSamples[count].dataSize == last.size && inSamples[count].sampleCount == last.count &&
-           inSamples[count].sampleDuration == last.duration && inSamples[count].endsChunk == last.endsChunk &&
-           inSamples[count].zeros == last.zeros)
+    while (count < most && inSamples[count].dataSize == last.size && inSamples[count].zeros == last.zeros &&
+           FitsGroup<kSizesFlag>(inSamples[count], last))
     {
         ++count;
     }
@@ -171,8 +187,7 @@ std::size_t JournalWriter::PutGroup(Samples inSamples)
     for (; count < most; ++count)
     {
         const MediaSampleRec& sample = inSamples[count];
-        if (sample.sampleCount != last.count || sample.endsChunk != last.endsChunk ||
-            (kGroupFlag == kSizesFlag && sample.sampleDuration != last.duration))
+        if (!FitsGroup<kGroupFlag>(sample, last))
         {
             break;
         }
@@ -216,8 +231,7 @@ std::size_t JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t& 
             break;
         }
         const MediaSampleRec& sample = samples.front();
-        if (sample.fileOffset != offset || sample.sampleCount != last.count || sample.endsChunk != last.endsChunk ||
-            (kGroupFlag == kSizesFlag && sample.sampleDuration != last.duration))
+        if (sample.fileOffset != offset || !FitsGroup<kGroupFlag>(sample, last))
         {
             break;
         }
@@ -225,9 +239,9 @@ std::size_t JournalWriter::PutTurns(std::span<Samples> ioSamples, std::int64_t& 
         if (kGroupFlag == kTimesFlag)
         {
             end = StoreNumber(end, Bits32(sample.sampleDuration));
+            last.duration = sample.sampleDuration;
         }
         last.size = sample.dataSize;
-        last.duration = sample.sampleDuration;
         last.zeros = sample.zeros;
         offset += sample.dataSize;
         samples = samples.subspan(1);

@@ -156,13 +156,14 @@ public:
                                                    std::int32_t inAuxValue, bool inAuxFlag) override
     {
         const TrackID track = inTrackID - kFirstTrackID;
+        const std::int64_t offset = mWriter->GetMediaEnd();
         if (track >= mWriterTracks.size() || inData == nullptr || inDataSize <= 0 || inSampleCount < 0 ||
-            mWriter->GetMediaEnd() + inDataSize >= mPendingEnd)
+            offset + inDataSize >= mPendingEnd)
         {
             return AddNow(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
         }
         TrackRec& writerTrack = *mWriterTracks[track];
-        const Tolbin::Result result = mWriter->AddToTrack(writerTrack, inData, inDataSize, inSampleCount,
+        const Tolbin::Result result = mWriter->AddToTrack(writerTrack, offset, inData, inDataSize, inSampleCount,
                                                           inSampleDuration, inAuxValue, inAuxFlag);
         if (result >= 0)
         {
@@ -319,10 +320,10 @@ private:
             return result;
         }
         JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, 0, false};
-        if (mWriter->GetMediaEnd() + inDataSize < mBlockEnd)
+        if (const std::int64_t offset = mWriter->GetMediaEnd(); offset + inDataSize < mBlockEnd)
         {
-            result = mWriter->AddToTrack(*mWriterTracks[track], inData, inDataSize, inSampleCount, inSampleDuration,
-                                         inAuxValue, inAuxFlag);
+            result = mWriter->AddToTrack(*mWriterTracks[track], offset, inData, inDataSize, inSampleCount,
+                                         inSampleDuration, inAuxValue, inAuxFlag);
             if (result >= 0)
             {
                 sample.zeros = CountZeros(inData, inDataSize);

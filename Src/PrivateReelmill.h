@@ -75,11 +75,12 @@ public:
     //! The track of an ID. \return 0; `kQTErrBadState`; `kQTErrUnknownTrackID`, and reports it. Null on failure.
     Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
 
-    //! `AddMediaSample` for whoever has found the track and checked the rest.
-    Tolbin::Result AddToTrack(TrackRec& ioTrack, void* inData, int inDataSize, std::int32_t inSampleCount,
-                              std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag);
+    //! `AddMediaSample` for whoever has found the track, knows where the media ends and has checked the rest.
+    Tolbin::Result AddToTrack(TrackRec& ioTrack, std::int64_t inFileOffset, void* inData, int inDataSize,
+                              std::int32_t inSampleCount, std::int32_t inSampleDuration, std::int32_t inAuxValue,
+                              bool inAuxFlag);
 
-    //! File offset of the next byte of media.
+    //! File offset of the next byte of media, as long as no write has failed.
     std::int64_t GetMediaEnd() const { return mediaDataOffset + mediaDataSize; }
 
     //! Bytes of media that can be added before a block goes to disk.
@@ -187,18 +188,18 @@ inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
     mediaDataSize += inSample.dataSize;
 }
 
-[[gnu::always_inline]] inline Tolbin::Result PrivateReelmill::AddToTrack(TrackRec& ioTrack, void* inData,
-                                                                         int inDataSize, std::int32_t inSampleCount,
+[[gnu::always_inline]] inline Tolbin::Result PrivateReelmill::AddToTrack(TrackRec& ioTrack, std::int64_t inFileOffset,
+                                                                         void* inData, int inDataSize,
+                                                                         std::int32_t inSampleCount,
                                                                          std::int32_t inSampleDuration,
                                                                          std::int32_t inAuxValue, bool inAuxFlag)
 {
     ReserveOneMore(ioTrack.samples); // Once the bytes are on their way nothing may keep them from being recorded.
-    const std::int64_t fileOffset = unbufferedWriter->GetFilePointer();
     const Tolbin::Result result =
         unbufferedWriter->Write(static_cast<char*>(inData), static_cast<std::size_t>(inDataSize));
     if (result >= 0)
     {
-        RecordMediaSample(ioTrack, {fileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
+        RecordMediaSample(ioTrack, {inFileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
                                     /*endsChunk*/ false});
     }
     return result;

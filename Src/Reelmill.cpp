@@ -335,7 +335,8 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
     {
         return kQTErrBadArgument;
     }
-    return AddToTrack(*track, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
+    return AddToTrack(*track, unbufferedWriter->GetFilePointer(), inData, inDataSize, inSampleCount, inSampleDuration,
+                      inAuxValue, inAuxFlag);
 }
 
 // Doubles while the vector lies in the heap. Beyond, room that is not used is address space only, so that the steps are
