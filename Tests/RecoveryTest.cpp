@@ -685,7 +685,7 @@ void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, un
 
 TEST_F(Recovery, NothingOfSmallSamplesIsLost)
 {
-    for (unsigned int seed = 1; seed <= 30; ++seed)
+    for (unsigned int seed = 1; seed <= 12; ++seed)
     {
         const int kibibytes = seed % 3 == 0 ? 1024 : 4;
         const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", std::to_string(kibibytes));
