@@ -675,8 +675,8 @@ void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, un
             }
         }
     }
-    for (int i = 0; inBlockSize > (1 << 16) && i < 140000;
-         ++i) // Either half is more than a frame of the journal holds.
+    // Either half is more than a frame of the journal holds.
+    for (int i = 0; inBlockSize > (1 << 16) && i < 140000; ++i)
     {
         add(tracks[0], i < 70000 ? "x" : std::string(1 + random() % 2, '\0'), 1, i % 3);
     }
