@@ -4,8 +4,9 @@
     Bench/bench.py [--quick] [--rounds N] [--folder DIR] [--json FILE] [--readme]
 
 Scripts/bench builds the programs first. A figure is the median of all rounds; in each the contestants take turns in
-another order, each behind an empty folder, a synced disk and memory that was just in use. Exit status: 0 everything
-ran, whatever came of it; 1 not.
+another order, each behind an empty folder, a synced disk and memory that was just in use. They are held against each
+other by the median of the ratios within a turn, since the machine changes more from turn to turn than in one; those
+that lie close together take more turns. Exit status: 0 everything ran, whatever came of it; 1 not.
 """
 
 import argparse
@@ -46,6 +47,8 @@ CONTESTANTS = {  # of each load, in the order of its table
     "small": ("reelmill", "journaled", *PEERS),
     "chunks": ("reelmill", "journaled", *PEERS),
 }
+CLOSE = ("reelmill", "journaled", "copy-direct")  # So close together that one turn a round tells little.
+CLOSE_TURNS = 3
 JOURNALED = [load for load, contestants in CONTESTANTS.items() if "journaled" in contestants]
 GROWTH = (10_000, 100_000, 1_000_000, 10_000_000)
 SLOW = {"qtmux": 100_000}  # Samples that a contestant gets where the load has more and they are small.
@@ -67,12 +70,12 @@ class Failure(Exception):
 class Cell:
     """What one contestant came to on one load: medians."""
 
-    def __init__(self, rounds):
+    def __init__(self, turns):
         def median(key):
-            return statistics.median(line[key] for line in rounds)
+            return statistics.median(line[key] for line in turns)
 
-        self.rounds = rounds
-        self.samples, self.media = rounds[0]["samples"], rounds[0]["mediaBytes"]
+        self.turns = turns
+        self.samples, self.media = turns[0]["samples"], turns[0]["mediaBytes"]
         self.wall, self.cpu, self.close = median("wallSeconds"), median("cpuSeconds"), median("closeCpuSeconds")
         self.peak = median("peakBytes")
 
@@ -98,7 +101,7 @@ class Bench:
         self.options = options
         self.programs = Path(options.build) / "Bench"
         self.growth = QUICK_GROWTH if options.quick else GROWTH
-        self.lines = []  # As the programs printed them, with the round.
+        self.lines = []  # As the programs printed them, with the round and the turn in it.
 
     def samples(self, contestant, load):
         """None: the load's own number."""
@@ -107,22 +110,25 @@ class Bench:
         return SLOW.get(contestant) if load != "editorial" else None
 
     def plan(self):
-        """(contestants, load, samples) of each group that takes turns."""
+        """(contestants, load, samples) of each group, as often as it takes turns in a round."""
         for load, contestants in CONTESTANTS.items():
             if load == "growth":
                 for count in self.growth:
                     yield [(name, load, count) for name in contestants]
-            else:
-                yield [(name, load, self.samples(name, load)) for name in contestants]
+                continue
+            group = [(name, load, self.samples(name, load)) for name in contestants]
+            yield group
+            if load in JOURNALED and not self.options.quick:
+                yield from [[one for one in group if one[0] in CLOSE]] * (CLOSE_TURNS - 1)
 
     def run(self, folder):
         for number in range(self.options.rounds):
-            for group in self.plan():
+            for turn, group in enumerate(self.plan(), number):
                 print(f"round {number + 1} of {self.options.rounds}: {group[0][1]}", file=sys.stderr, flush=True)
-                place = number % len(group)
-                turns = group[place:] + group[:place]
-                for turn in turns if number % 2 == 0 else turns[::-1]:
-                    self.lines.append({"round": number + 1, **self.measure(folder, *turn)})
+                place = turn % len(group)
+                order = group[place:] + group[:place]
+                for one in order if turn // len(group) % 2 == 0 else order[::-1]:
+                    self.lines.append({"round": number + 1, "turn": turn, **self.measure(folder, *one)})
 
     def measure(self, folder, contestant, load, samples):
         movie = folder / f"{contestant}.mov"
@@ -149,10 +155,13 @@ class Bench:
     def cells(self, load):
         return {name: self.cell(name, load) for name in CONTESTANTS[load]}
 
-    def journal(self, load, value):
-        """What the journal makes of a figure, as a factor. The machine changes more from round to round than in one."""
-        plain, journaled = self.cell("reelmill", load).rounds, self.cell("journaled", load).rounds
-        return statistics.median(value(with_it) / value(without) for with_it, without in zip(journaled, plain))
+    def ratio(self, one, other, load, value):
+        """Of a figure of the one to that of the other: the median over the turns that both took."""
+        def figures(name):
+            return {(line["round"], line["turn"]): value(line) for line in self.cell(name, load).turns}
+
+        ones, others = figures(one), figures(other)
+        return statistics.median(ones[turn] / others[turn] for turn in ones.keys() & others.keys())
 
     def versions(self):
         return sorted({line["version"] for line in self.lines} - {""})
@@ -255,21 +264,37 @@ def pieces_table(bench):
              nanoseconds(chunks[name].cpu_each), f"{chunks[name].peak_each:.1f} B") for name in small])
 
 
+def wall(line):
+    return line["wallSeconds"]
+
+
+def cpu(line):
+    return line["cpuSeconds"]
+
+
+def closing(line):
+    return line["closeCpuSeconds"]
+
+
 def adding(line):
-    return line["cpuSeconds"] - line["closeCpuSeconds"]
+    return cpu(line) - closing(line)
+
+
+def each(value):
+    """A figure a sample."""
+    return lambda line: value(line) / line["samples"]
 
 
 def journal_table(bench):
     def figures(load):
         def more(value):
-            return f"{100 * (bench.journal(load, value) - 1):+.1f} %"
+            return f"{100 * (bench.ratio('journaled', 'reelmill', load, value) - 1):+.1f} %"
 
         return (load, nanoseconds(bench.cell("reelmill", load).add_each),
-                nanoseconds(bench.cell("journaled", load).add_each), more(adding),
-                more(lambda line: line["cpuSeconds"]), more(lambda line: line["wallSeconds"]))
+                nanoseconds(bench.cell("journaled", load).add_each), more(adding), more(cpu), more(wall))
 
     return table(
-        "The journal: medians of each figure, and of how much more it is within a round",
+        "The journal: what it takes",
         ("load", "adding, CPU a sample: plain", "journaled", "more", "with `Close`: more", "wall: more"),
         [figures(load) for load in JOURNALED])
 
@@ -285,43 +310,42 @@ def bar_table(bench):
         shown = math.ceil(value * 100) / 100
         rows.append((what, f"{shown:.2f}", f"at most {limit}", "yes" if value <= limit else "no"))
 
-    def best(cells, key, peers=PEERS):
-        return min(getattr(cells[name], key) for name in peers)
+    def beside(other, load, value):
+        return bench.ratio(other, "reelmill", load, value)
 
-    cells = bench.cells("editorial")
-    ours = cells["reelmill"]
-    at_least("editorial: speed, of copy and direct writes", cells["copy-direct"].wall / ours.wall, 0.95)
-    at_least("editorial: speed, of the best peer's", best(cells, "wall") / ours.wall, 1.3)
-    at_most("editorial: CPU, of the best peer's", ours.cpu / best(cells, "cpu"), 0.4)
+    def best_peer(load, value, peers=PEERS):
+        return min(beside(name, load, value) for name in peers)
+
+    at_least("editorial: speed, of copy and direct writes", beside("copy-direct", "editorial", wall), 0.95)
+    at_least("editorial: speed, of the best peer's", best_peer("editorial", wall), 1.3)
+    at_most("editorial: CPU, of the best peer's", 1 / best_peer("editorial", cpu), 0.4)
     for load in ("tiny", "tiny-varying"):
-        cells = bench.cells(load)
-        ours = cells["reelmill"]
-        at_least(f"{load}: the best peer's CPU a sample, of ours", best(cells, "cpu_each") / ours.cpu_each, 3)
+        ours = bench.cell("reelmill", load)
+        at_least(f"{load}: the best peer's CPU a sample, of ours", best_peer(load, each(cpu)), 3)
         at_most(f"{load}: memory, of 32 bytes a sample", (ours.peak - BLOCK) / (RECORD * ours.samples), 1.3)
     cells = bench.cells("many")
-    ours = cells["reelmill"]
-    equals = [name for name in PEERS if cells[name].samples == ours.samples]
-    at_least("many: the best peer's `Close` CPU with as many samples, of ours",
-             best(cells, "close", equals) / ours.close, 2.5)
-    at_least("many: any peer's `Close` CPU a sample, of ours", best(cells, "close_each") / ours.close_each, 2.5)
+    equals = [name for name in PEERS if cells[name].samples == cells["reelmill"].samples]
+    at_least("many: the best peer's `Close` CPU with as many samples, of ours", best_peer("many", closing, equals), 2.5)
+    at_least("many: any peer's `Close` CPU a sample, of ours", best_peer("many", each(closing)), 2.5)
     at_most("many: `Close` CPU, of records read, stored as tables and written",
-            ours.close / cells["records-to-tables"].close, 2)
-    at_most("many: `Close` CPU, of one write of the tables' bytes", ours.close / cells["tables"].close, 2)
+            1 / beside("records-to-tables", "many", closing), 2)
+    at_most("many: `Close` CPU, of one write of the tables' bytes", 1 / beside("tables", "many", closing), 2)
     before, last = (bench.cell("reelmill", "growth", samples) for samples in bench.growth[-2:])
     times = f"{power(last.samples)} samples, of {power(before.samples)}"
     at_most(f"growth: CPU a sample with {times}", last.cpu_each / before.cpu_each, 1.25)
     at_most(f"growth: memory a sample with {times}", last.peak_each / before.peak_each, 1.25)
     for load in JOURNALED:
-        at_most(f"{load}: CPU of adding with the journal, of without", bench.journal(load, adding), 1.1)
+        at_most(f"{load}: CPU of adding with the journal, of without", beside("journaled", load, adding), 1.1)
     return table("The bar", ("what", "measured", "limit", "met"), rows)
 
 
 def report(bench, options, folder):
     kind = "Each figure is from one round of small loads, which shows no more than that everything runs."
     if not options.quick:
-        kind = (f"Medians of {options.rounds} round{'s' * (options.rounds > 1)}. CPU: user and system time of all "
-                "threads. Memory: how far resident memory rises. In italics what the machine itself asks for the same "
-                "bytes.")
+        kind = (f"Medians of {options.rounds} round{'s' * (options.rounds > 1)}, in each of which the writer, with its "
+                f"journal and without, and copy with direct writes take {CLOSE_TURNS} turns. CPU: user and system time "
+                "of all threads. Memory: how far resident memory rises. In italics what the machine itself asks for "
+                "the same bytes. What two contestants are to each other is the median of their ratios within a turn.")
     tables = [editorial_table, tiny_table, many_table, growth_table, pieces_table, journal_table]
     tables += [] if options.quick else [bar_table]
     return "\n".join([f"{machine(options, folder)}; {', '.join(bench.versions())}. {kind}\n",
