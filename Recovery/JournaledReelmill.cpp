@@ -23,7 +23,9 @@ namespace
 
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
-constexpr std::int64_t kMaxPendingSize = 64 * 1024; //!< Bytes of media, so that their records are still in the caches.
+constexpr std::int64_t kMinPendingSize = 64 * 1024; //!< Bytes of media.
+constexpr std::int64_t kMaxPendingSize = 1 << 30;   //!< Blocks are smaller.
+constexpr std::size_t kFewPending = 512;            //!< Records; many more would no longer be in the caches.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
@@ -168,7 +170,7 @@ public:
         if (result >= 0)
         {
             // Copied a moment ago, the bytes are in the caches.
-            writerTrack.samples.back().zeros = static_cast<std::uint16_t>(CountZeros(inData, inDataSize));
+            writerTrack.samples.back().zeros = CountZeros(inData, inDataSize);
         }
         return result;
     }
@@ -337,17 +339,20 @@ private:
         }
         mTracks[track].journaled = mWriterTracks[track]->samples.size();
         mPendingBegin = mWriter->GetMediaEnd();
-        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mPendingBegin + kMaxPendingSize);
+        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mPendingBegin + mPendingSize);
         return result;
     }
 
     //! Puts what is pending into the journal, and leaves room for a sample there.
     Tolbin::Result AddPending()
     {
+        std::size_t count = 0;
         for (std::size_t track = 0; track < mTracks.size(); ++track)
         {
             mPending[track] = GetPending(track);
+            count += mPending[track].size();
         }
+        mPendingSize = count < kFewPending ? std::min(2 * mPendingSize, kMaxPendingSize) : kMinPendingSize;
         Tolbin::Result result = Tolbin::kResultSuccess;
         mJournal.AddSamples(mPending);
         while (result >= 0 && mJournal.IsFull())
@@ -455,6 +460,7 @@ private:
     std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
     std::int64_t mPendingBegin = 0;                   //!< File offset: nothing is pending where the media ends here.
     std::int64_t mPendingEnd = 0;                     //!< File offset: samples that end before it may stay pending.
+    std::int64_t mPendingSize = kMinPendingSize;      //!< Bytes of media that may be pending, if no block ends before.
     Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
     bool mWasCreated = false;
 };

@@ -24,7 +24,7 @@ struct MediaSampleRec
     std::int32_t dataSize;       //!< Bytes of all samples together.
     bool auxFlag;                //!< The host's; no atom uses it.
     bool endsChunk;              //!< In tracks with explicit chunking: the chunk ends behind this record.
-    std::uint16_t zeros = 0;     //!< The journal's: bytes at the end that are zero, until it has the record.
+    std::uint32_t zeros = 0;     //!< The journal's: bytes at the end that are zero, until it has the record.
 };
 static_assert(sizeof(MediaSampleRec) == 32);
 

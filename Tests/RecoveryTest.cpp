@@ -519,6 +519,32 @@ TEST_F(Recovery, ZerosInPlaceOfTheLastByteThatIsNoneAreALoss)
     }
 }
 
+TEST_F(Recovery, AllZerosThatEndAPendingSampleAreItsOwn)
+{
+    const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", "1024");
+    {
+        const auto journaled = QT::CreateJournaledReelmill();
+        ASSERT_EQ(journaled->Create(path, 100), 0);
+        QT::TrackID video = 0;
+        ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), video), 0);
+        const auto add = [&](std::size_t inSize, char inFirst) {
+            std::string data(inSize, '\0');
+            data[0] = inFirst;
+            ASSERT_EQ(journaled->AddMediaSample(video, data.data(), static_cast<int>(inSize), 1, 1, 0, false), 0);
+        };
+        for (int i = 0; i < 9; ++i)
+        {
+            add(30000, 'x'); // The more there are, the larger a sample may stay pending.
+        }
+        add(150000, 'x');
+        add(1 << 20, '\0'); // Takes the block to disk, and is not whole there.
+    }
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_EQ(report.samplesKept, 10u);
+    EXPECT_EQ(report.samplesDropped, 1u);
+}
+
 //! A description that gives no bytes makes no track, and no movie that is called finished.
 TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
 {
@@ -665,8 +691,10 @@ void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, un
         for (std::size_t i = 0; i < length; ++i)
         {
             const QT::TrackID track = tracks[(first + i % inTurn) % 3];
-            std::string data(hasLarge && chance(8) ? 3000 : 1 + random() % sizes, 'x');
-            data.back() = hasZeros && chance(4) ? '\0' : 'x';
+            const std::size_t large = inBlockSize > (1 << 16) && chance(8) ? 200000 : 3000;
+            std::string data(hasLarge && chance(8) ? large : 1 + random() % sizes, 'x');
+            const std::size_t zeros = hasZeros && chance(4) ? 1 + data.size() / 2 * (random() % 2) : 0;
+            data.replace(data.size() - zeros, zeros, zeros, '\0');
             add(track, chance(50) ? std::string() : data, 1 + static_cast<int>(random() % counts),
                 static_cast<int>(random() % durations));
             if (endsChunks && (endsAll || chance(5)))
