@@ -3,10 +3,10 @@
 
     Bench/bench.py [--quick] [--rounds N] [--folder DIR] [--json FILE] [--readme]
 
-Scripts/bench builds the programs first. A figure is the median of all rounds; in each the contestants take turns in
-another order, each behind an empty folder, a synced disk and memory that was just in use. They are held against each
-other by the median of the ratios within a turn, since the machine changes more from turn to turn than in one; those
-that lie close together take more turns. Exit status: 0 everything ran, whatever came of it; 1 not.
+Scripts/bench builds the programs first. In each round the contestants take turns in another order, each behind an empty
+folder, a synced disk and memory that was just in use; those that lie close together take several turns. A figure is the
+median of all turns. Two contestants are held against each other by the median of the ratios within a turn, so that what
+changes slowly on the machine touches both. Exit status: 0 everything ran, whatever came of it; 1 not.
 """
 
 import argparse
@@ -118,16 +118,16 @@ class Bench:
                 continue
             group = [(name, load, self.samples(name, load)) for name in contestants]
             yield group
-            if load in JOURNALED and not self.options.quick:
+            if not self.options.quick:
                 yield from [[one for one in group if one[0] in CLOSE]] * (CLOSE_TURNS - 1)
 
     def run(self, folder):
         for number in range(self.options.rounds):
-            for turn, group in enumerate(self.plan(), number):
+            for turn, group in enumerate(self.plan()):
                 print(f"round {number + 1} of {self.options.rounds}: {group[0][1]}", file=sys.stderr, flush=True)
-                place = turn % len(group)
+                place = (number + turn) % len(group)
                 order = group[place:] + group[:place]
-                for one in order if turn // len(group) % 2 == 0 else order[::-1]:
+                for one in order if number % 2 == 0 else order[::-1]:
                     self.lines.append({"round": number + 1, "turn": turn, **self.measure(folder, *one)})
 
     def measure(self, folder, contestant, load, samples):
@@ -155,13 +155,13 @@ class Bench:
     def cells(self, load):
         return {name: self.cell(name, load) for name in CONTESTANTS[load]}
 
-    def ratio(self, one, other, load, value):
-        """Of a figure of the one to that of the other: the median over the turns that both took."""
+    def ratio(self, contestant, load, value):
+        """Of a contestant's figure to the writer's: the median over the turns that both took."""
         def figures(name):
             return {(line["round"], line["turn"]): value(line) for line in self.cell(name, load).turns}
 
-        ones, others = figures(one), figures(other)
-        return statistics.median(ones[turn] / others[turn] for turn in ones.keys() & others.keys())
+        its, ours = figures(contestant), figures("reelmill")
+        return statistics.median(its[turn] / ours[turn] for turn in its.keys() & ours.keys())
 
     def versions(self):
         return sorted({line["version"] for line in self.lines} - {""})
@@ -288,13 +288,13 @@ def each(value):
 def journal_table(bench):
     def figures(load):
         def more(value):
-            return f"{100 * (bench.ratio('journaled', 'reelmill', load, value) - 1):+.1f} %"
+            return f"{100 * (bench.ratio('journaled', load, value) - 1):+.1f} %"
 
         return (load, nanoseconds(bench.cell("reelmill", load).add_each),
                 nanoseconds(bench.cell("journaled", load).add_each), more(adding), more(cpu), more(wall))
 
     return table(
-        "The journal: what it takes",
+        "The journal: medians of each figure, and of how much more it is within a turn",
         ("load", "adding, CPU a sample: plain", "journaled", "more", "with `Close`: more", "wall: more"),
         [figures(load) for load in JOURNALED])
 
@@ -310,13 +310,10 @@ def bar_table(bench):
         shown = math.ceil(value * 100) / 100
         rows.append((what, f"{shown:.2f}", f"at most {limit}", "yes" if value <= limit else "no"))
 
-    def beside(other, load, value):
-        return bench.ratio(other, "reelmill", load, value)
-
     def best_peer(load, value, peers=PEERS):
-        return min(beside(name, load, value) for name in peers)
+        return min(bench.ratio(name, load, value) for name in peers)
 
-    at_least("editorial: speed, of copy and direct writes", beside("copy-direct", "editorial", wall), 0.95)
+    at_least("editorial: speed, of copy and direct writes", bench.ratio("copy-direct", "editorial", wall), 0.95)
     at_least("editorial: speed, of the best peer's", best_peer("editorial", wall), 1.3)
     at_most("editorial: CPU, of the best peer's", 1 / best_peer("editorial", cpu), 0.4)
     for load in ("tiny", "tiny-varying"):
@@ -328,24 +325,25 @@ def bar_table(bench):
     at_least("many: the best peer's `Close` CPU with as many samples, of ours", best_peer("many", closing, equals), 2.5)
     at_least("many: any peer's `Close` CPU a sample, of ours", best_peer("many", each(closing)), 2.5)
     at_most("many: `Close` CPU, of records read, stored as tables and written",
-            1 / beside("records-to-tables", "many", closing), 2)
-    at_most("many: `Close` CPU, of one write of the tables' bytes", 1 / beside("tables", "many", closing), 2)
+            1 / bench.ratio("records-to-tables", "many", closing), 2)
+    at_most("many: `Close` CPU, of one write of the tables' bytes", 1 / bench.ratio("tables", "many", closing), 2)
     before, last = (bench.cell("reelmill", "growth", samples) for samples in bench.growth[-2:])
     times = f"{power(last.samples)} samples, of {power(before.samples)}"
     at_most(f"growth: CPU a sample with {times}", last.cpu_each / before.cpu_each, 1.25)
     at_most(f"growth: memory a sample with {times}", last.peak_each / before.peak_each, 1.25)
     for load in JOURNALED:
-        at_most(f"{load}: CPU of adding with the journal, of without", beside("journaled", load, adding), 1.1)
+        at_most(f"{load}: CPU of adding with the journal, of without", bench.ratio("journaled", load, adding), 1.1)
     return table("The bar", ("what", "measured", "limit", "met"), rows)
 
 
 def report(bench, options, folder):
     kind = "Each figure is from one round of small loads, which shows no more than that everything runs."
     if not options.quick:
-        kind = (f"Medians of {options.rounds} round{'s' * (options.rounds > 1)}, in each of which the writer, with its "
-                f"journal and without, and copy with direct writes take {CLOSE_TURNS} turns. CPU: user and system time "
-                "of all threads. Memory: how far resident memory rises. In italics what the machine itself asks for "
-                "the same bytes. What two contestants are to each other is the median of their ratios within a turn.")
+        kind = (f"Medians of {options.rounds} round{'s' * (options.rounds > 1)}. But for growth, the writer takes "
+                f"{CLOSE_TURNS} turns a round, with its journal and without, and so does copy with direct writes. CPU: "
+                "user and system time of all threads. Memory: how far resident memory rises. In italics what the "
+                "machine itself asks for the same bytes. What two contestants are to each other is the median of their "
+                "ratios within a turn.")
     tables = [editorial_table, tiny_table, many_table, growth_table, pieces_table, journal_table]
     tables += [] if options.quick else [bar_table]
     return "\n".join([f"{machine(options, folder)}; {', '.join(bench.versions())}. {kind}\n",
@@ -364,7 +362,7 @@ def put_into_readme(text):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true", help="one round of small loads: shows that everything runs")
-    parser.add_argument("--rounds", type=int, help="how often each is measured (5)")
+    parser.add_argument("--rounds", type=int, help="how often all take turns (5)")
     parser.add_argument("--folder", type=Path, default=PROJECT / "build/bench",
                         help="where the movies go (%(default)s)")
     parser.add_argument("--json", type=Path, help="file for every single measurement")
