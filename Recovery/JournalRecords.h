@@ -23,9 +23,9 @@
 // bytes and the bytes. A sample's flags say which of its fields are there. What is missing is as in the track's sample
 // before (size, count, duration, whether it ends its chunk; 0 each for its first) or 0 (zeros). A track that is missing
 // is the one that came last time behind a sample of the same track as the sample before, or else that track again
-// (repetitions do not count, and the first sample of all is of track 0): so tracks in turn need not be named. Samples that give nothing but size and zeros, or duration as well, may stand
-// together as a group; its bytes are twice the size, and 1 more where zeros follow. Samples that are as the one right
-// before may be a repetition.
+// (repetitions do not count, and the first sample of all is of track 0): so tracks in turn need not be named. Samples
+// that give nothing but size and zeros, or duration as well, may stand together as a group; its bytes are twice the
+// size, and 1 more where zeros follow. Samples that are as the one right before may be a repetition.
 //
 // A journal ends where the next frame is not whole: at the end of the file, at a length of 0, at a checksum that does
 // not agree. Everything before that counts.

@@ -38,8 +38,8 @@ bool FitsGroup(const MediaSampleRec& inSample, const JournalSample& inLast)
            inSample.endsChunk == inLast.endsChunk;
 }
 
-//! Writes what a group tells of a sample's bytes. No processor can foresee whether they end in zeros: no branch hangs on
-//! it where samples are small.
+//! Writes what a group tells of a sample's bytes. No processor can foresee whether they end in zeros: no branch hangs
+//! on it where samples are small.
 [[gnu::always_inline]] inline std::uint8_t* StoreBytes(std::uint8_t* outBytes, const MediaSampleRec& inSample)
 {
     const std::uint64_t bytes = 2 * std::uint64_t{Bits32(inSample.dataSize)} + (inSample.zeros != 0 ? 1 : 0);
@@ -123,7 +123,8 @@ void JournalWriter::AddSamples(std::span<Samples> ioSamples)
         {
             return;
         }
-        const Samples run = isOneTrack ? *first : BackToBack(*first);
+        const Samples most = first->first(std::min(first->size(), kFullSize)); // More do not fit in any case.
+        const Samples run = isOneTrack ? most : BackToBack(most);
         const std::size_t count = AddRun(static_cast<std::uint64_t>(first - ioSamples.begin()), run);
         offset = run[count - 1].fileOffset + run[count - 1].dataSize;
         *first = first->subspan(count);

@@ -31,8 +31,8 @@ public:
     //! Room for it must have been made: `IsFull` is false. Throws nothing.
     void AddSample(const JournalSample& inSample);
 
-    //! As `AddSample`, for samples that are in the movie already, each of some size, in the order of their places there.
-    //! Throws nothing.
+    //! As `AddSample`, for samples that are in the movie already, each of some size, in the order of their places
+    //! there. Throws nothing.
     //! \param ioSamples  by track; what is left over when the journal is full
     void AddSamples(std::span<Samples> ioSamples);
 

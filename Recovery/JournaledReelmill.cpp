@@ -24,8 +24,8 @@ namespace
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
 constexpr std::int64_t kMinPendingSize = 64 * 1024; //!< Bytes of media.
-constexpr std::int64_t kMaxPendingSize = 1 << 30;   //!< Blocks are smaller.
-constexpr std::size_t kFewPending = 512;            //!< Records; many more would no longer be in the caches.
+constexpr std::int64_t kMaxPendingSize = 4 << 20;
+constexpr std::size_t kFewPending = 512; //!< Records, of which more take the journal no less time each.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
@@ -76,7 +76,7 @@ inline std::uint32_t CountZeros(const void* inData, int inSize)
 
 //! Forwards every call to a writer and puts what succeeded into the journal. A sample's record is written before the
 //! sample whose bytes make a block go to disk, so that no media on disk is unknown to the journal on disk. Until then
-//! the journal need not know a sample: small ones stay pending for a while, and are put into it together,
+//! the journal need not know a sample: they stay pending for a while, and are put into it together,
 //! from what the writer keeps of them anyway.
 class JournaledReelmill final : public Reelmill
 {
@@ -128,6 +128,10 @@ public:
                                  boost::shared_ptr<QTSampleDescription> inSampleDescription,
                                  TrackID& outTrackID) override
     {
+        if (mFailure < 0)
+        {
+            return mFailure;
+        }
         const Tolbin::Result result =
             mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription, outTrackID);
         if (result < 0)
@@ -169,7 +173,7 @@ public:
                                                           inSampleDuration, inAuxValue, inAuxFlag);
         if (result >= 0)
         {
-            // Copied a moment ago, the bytes are in the caches.
+            // Copied a moment ago, the last bytes are in the caches.
             writerTrack.samples.back().zeros = CountZeros(inData, inDataSize);
         }
         return result;
@@ -308,12 +312,13 @@ private:
         const TrackID track = inTrackID - kFirstTrackID;
         if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
         {
-            // Refuses, unless the track came without its record: `Close` fails then.
-            return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
-                                           inAuxFlag);
+            // Refuses. A track that came without its record was a failure.
+            return mFailure < 0 ? mFailure
+                                : mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount,
+                                                          inSampleDuration, inAuxValue, inAuxFlag);
         }
         Tolbin::Result result = mFailure;
-        if (result >= 0 && (mWriter->GetMediaEnd() != mPendingBegin || mJournal.IsFull()))
+        if (result >= 0)
         {
             result = AddPending();
         }
@@ -338,8 +343,7 @@ private:
             result = AddProbedSample(sample, inTrackID, inData, inAuxValue, inAuxFlag);
         }
         mTracks[track].journaled = mWriterTracks[track]->samples.size();
-        mPendingBegin = mWriter->GetMediaEnd();
-        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mPendingBegin + mPendingSize);
+        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mWriter->GetMediaEnd() + mPendingSize);
         return result;
     }
 
@@ -352,7 +356,8 @@ private:
             mPending[track] = GetPending(track);
             count += mPending[track].size();
         }
-        mPendingSize = count < kFewPending ? std::min(2 * mPendingSize, kMaxPendingSize) : kMinPendingSize;
+        mPendingSize = count < kFewPending ? std::min(2 * mPendingSize, kMaxPendingSize)
+                                           : std::max(mPendingSize / 2, kMinPendingSize);
         Tolbin::Result result = Tolbin::kResultSuccess;
         mJournal.AddSamples(mPending);
         while (result >= 0 && mJournal.IsFull())
@@ -428,7 +433,7 @@ private:
         }
     }
 
-    //! No media can be added from now on, nor the movie be closed.
+    //! No track and no media can be added from now on, nor the movie be closed.
     void Fail(Tolbin::Result inResult)
     {
         mFailure = inResult;
@@ -446,6 +451,7 @@ private:
     void Abandon()
     {
         mWriter = boost::make_shared<PrivateReelmill>();
+        mFailure = Tolbin::kResultSuccess;
         ForgetTracks();
         static_cast<void>(mJournal.Close());
     }
@@ -457,11 +463,10 @@ private:
     std::vector<Track> mTracks;
     std::vector<JournalWriter::Samples> mPending; //!< By track; for `AddPending`.
     std::vector<TrackPtr> mWriterTracks;          //!< As `mTracks`; apart, since each sample asks for it.
-    std::int64_t mBlockEnd = 0; //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
-    std::int64_t mPendingBegin = 0;                   //!< File offset: nothing is pending where the media ends here.
-    std::int64_t mPendingEnd = 0;                     //!< File offset: samples that end before it may stay pending.
+    std::int64_t mBlockEnd = 0;   //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
+    std::int64_t mPendingEnd = 0; //!< File offset: samples that end before it may stay pending.
     std::int64_t mPendingSize = kMinPendingSize;      //!< Bytes of media that may be pending, if no block ends before.
-    Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
+    Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media, or of the memory for a track.
     bool mWasCreated = false;
 };
 

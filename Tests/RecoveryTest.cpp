@@ -1,4 +1,5 @@
 #include "JournalWriter.h"
+#include "Support/AllocationLimit.h"
 #include "Support/FailingFileSystem.h"
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
@@ -545,6 +546,56 @@ TEST_F(Recovery, AllZerosThatEndAPendingSampleAreItsOwn)
     EXPECT_EQ(report.samplesDropped, 1u);
 }
 
+//! The writer may have a track that the journal found no memory for. No block of media may go to disk then.
+TEST_F(Recovery, TrackThatTheJournalLacksTakesNoMediaToDisk)
+{
+    if (!AllocationLimit::Works())
+    {
+        GTEST_SKIP() << "a memory checker has taken over operator new";
+    }
+    const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", "1024");
+    const auto description = MakeVideo();
+    std::string data(1 << 20, 'x');
+    bool hasStruck = true;
+    for (int number = 1; hasStruck; ++number)
+    {
+        {
+            const auto journaled = QT::CreateJournaledReelmill();
+            ASSERT_EQ(journaled->Create(path, 100), 0);
+            QT::TrackID video = 0, lacking = 0, next = 0;
+            const auto addTrack = [&](QT::TrackID& outTrack) {
+                return journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, description, outTrack);
+            };
+            const auto add = [&](QT::TrackID inTrack, int inSize) {
+                return journaled->AddMediaSample(inTrack, data.data(), inSize, 1, 1, 0, false);
+            };
+            ASSERT_EQ(addTrack(video), 0);
+            for (int i = 0; i < 20; ++i)
+            {
+                ASSERT_EQ(add(video, 30000), 0);
+            }
+            try
+            {
+                const AllocationFault fault(number);
+                const Result result = addTrack(lacking);
+                hasStruck = AllocationFault::HasStruck();
+                ASSERT_EQ(result, 0);
+            }
+            catch (const std::bad_alloc&)
+            {
+                EXPECT_LT(add(lacking, 1 << 20), 0) << number;
+                EXPECT_TRUE(addTrack(next) < 0 || add(next, 1 << 20) >= 0) << number;
+            }
+        }
+        RecoveryReport report;
+        if (Recover(report) >= 0)
+        {
+            EXPECT_EQ(report.samplesKept, 20u) << number;
+        }
+        static_cast<void>(Ventra::File::Remove(path + u".journal"));
+    }
+}
+
 //! A description that gives no bytes makes no track, and no movie that is called finished.
 TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
 {
@@ -656,7 +707,7 @@ private:
     int mFrames = 0;
 };
 
-//! Adds small samples to three tracks, in stretches that a journal has its own ways for, and fills the last block.
+//! Adds samples, most of them small, to three tracks, in stretches that a journal has its own ways for, and fills the last block.
 //! Calls that fail are made again.
 void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, unsigned int inSeed, int inBlockSize)
 {
@@ -711,7 +762,7 @@ void PlayStretches(QT::Reelmill& ioWriter, const Tolbin::UTF16String& inPath, un
     add(tracks[0], std::string(static_cast<std::size_t>(inBlockSize - end % inBlockSize), 'x'), 1, 1);
 }
 
-TEST_F(Recovery, NothingOfSmallSamplesIsLost)
+TEST_F(Recovery, NothingOfPendingSamplesIsLost)
 {
     for (unsigned int seed = 1; seed <= 12; ++seed)
     {
