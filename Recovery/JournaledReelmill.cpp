@@ -24,8 +24,8 @@ namespace
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
 constexpr std::int64_t kMinPendingSize = 64 * 1024; //!< Bytes of media.
-constexpr std::int64_t kMaxPendingSize = 4 << 20;
-constexpr std::size_t kFewPending = 512; //!< Records, of which more take the journal no less time each.
+constexpr std::int64_t kMaxPendingSize = 4 << 20;   //!< Of one byte each, they are millions still.
+constexpr std::size_t kFewPending = 512;            //!< Records, of which more take the journal no less time each.
 
 //! Brings a file that others write to the device.
 Tolbin::Result SyncFile(const Tolbin::UTF16String& inPath)
