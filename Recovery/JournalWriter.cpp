@@ -123,7 +123,7 @@ void JournalWriter::AddSamples(std::span<Samples> ioSamples)
         {
             return;
         }
-        const Samples most = first->first(std::min(first->size(), kFullSize)); // More do not fit in any case.
+        const Samples most = first->first(std::min(first->size(), kFullSize)); // Others are looked through again.
         const Samples run = isOneTrack ? most : BackToBack(most);
         const std::size_t count = AddRun(static_cast<std::uint64_t>(first - ioSamples.begin()), run);
         offset = run[count - 1].fileOffset + run[count - 1].dataSize;
