@@ -329,10 +329,16 @@ void JournalWriter::PutRepeats()
     }
 }
 
-void JournalWriter::AddTrack(const JournalTrack& inTrack)
+void JournalWriter::ReserveTrack(const JournalTrack& inTrack)
 {
     mTracks.reserve(mTracks.size() + 1);
-    PutKind(JournalKind::kTrack, 4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
+    Reserve(4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
+}
+
+void JournalWriter::AddTrack(const JournalTrack& inTrack)
+{
+    ReserveTrack(inTrack);
+    PutKind(JournalKind::kTrack, 0);
     PutNumber(inTrack.mediaType);
     PutNumber(Bits32(inTrack.timeScale));
     PutNumber(Bits32(inTrack.width));
@@ -400,15 +406,21 @@ void JournalWriter::Add(JournalClosing inClosing)
     PutNumber(inClosing.endsWithMedia ? 1 : 0);
 }
 
-//! Begins a record whose fields take at most so many bytes, and leaves room for a sample behind it. Nothing has changed
-//! when memory fails.
-void JournalWriter::PutKind(JournalKind inKind, std::size_t inFieldSize)
+//! Makes room for a record whose fields take at most so many bytes, and for a sample behind it. Nothing has changed when
+//! memory fails.
+void JournalWriter::Reserve(std::size_t inFieldSize)
 {
     const std::size_t needed = mEnd + 1 + inFieldSize + kMaxSampleSize;
     if (needed > mFrame.size())
     {
         mFrame.resize(std::max(needed, mFrame.size() + mFrame.size() / 2));
     }
+}
+
+//! Begins a record, once there is room for it.
+void JournalWriter::PutKind(JournalKind inKind, std::size_t inFieldSize)
+{
+    Reserve(inFieldSize);
     PutRepeats();
     mIsRepeatable = false;
     mFrame[mEnd++] = static_cast<std::uint8_t>(inKind);

@@ -42,6 +42,8 @@ public:
     //! The sample that was added last, as uncertain, never became part of the movie. Throws nothing.
     void Revoke();
 
+    //! Makes room, so that nothing between here and the end of `AddTrack` throws.
+    void ReserveTrack(const JournalTrack& inTrack);
     void AddTrack(const JournalTrack& inTrack);
     void Add(const JournalMovie& inMovie);
     void Add(const JournalDescription& inDescription);
@@ -77,6 +79,7 @@ private:
     std::size_t PutTurns(std::span<Samples> ioSamples, std::int64_t& ioOffset);
     void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);
+    void Reserve(std::size_t inFieldSize);
     void PutKind(JournalKind inKind, std::size_t inFieldSize);
     void PutNumber(std::uint64_t inNumber);
     void PutBytes(const void* inData, std::size_t inSize);

@@ -24,7 +24,7 @@ namespace
 constexpr TrackID kFirstTrackID = 256;
 constexpr std::uint32_t kMaxProbeSize = 4096;
 constexpr std::int64_t kMinPendingSize = 64 * 1024; //!< Bytes of media.
-constexpr std::int64_t kMaxPendingSize = 4 << 20;   //!< Of one byte each, they are millions still.
+constexpr std::int64_t kMaxPendingSize = 4 << 20;   //!< Which may be millions of samples.
 constexpr std::size_t kFewPending = 512;            //!< Records, of which more take the journal no less time each.
 
 //! Brings a file that others write to the device.
@@ -128,31 +128,30 @@ public:
                                  boost::shared_ptr<QTSampleDescription> inSampleDescription,
                                  TrackID& outTrackID) override
     {
-        if (mFailure < 0)
+        if (!inSampleDescription)
         {
-            return mFailure;
+            return mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription,
+                                          outTrackID); // Refuses.
         }
+        // All that takes memory comes first: the writer must have no track that the journal lacks.
+        const JournalTrack record{inMediaType, inTimeScale, inWidth, inHeight, StoreDescription(*inSampleDescription)};
+        Track track{inSampleDescription, record.description};
+        mTracks.reserve(mTracks.size() + 1);
+        mWriterTracks.reserve(mTracks.size() + 1);
+        mPending.reserve(mTracks.size() + 1);
+        mJournal.ReserveTrack(record);
         const Tolbin::Result result =
             mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription, outTrackID);
         if (result < 0)
         {
             return result;
         }
-        try
-        {
-            TrackPtr track = nullptr;
-            static_cast<void>(mWriter->GetTrackPtr(outTrackID, track)); // It is there.
-            mWriterTracks.reserve(mTracks.size() + 1);
-            mPending.resize(mTracks.size() + 1);
-            mTracks.push_back({inSampleDescription, StoreDescription(*inSampleDescription)});
-            mWriterTracks.push_back(track);
-            mJournal.AddTrack({inMediaType, inTimeScale, inWidth, inHeight, mTracks.back().stored});
-        }
-        catch (...)
-        {
-            Fail(Tolbin::kResultOutOfMemory); // The journal lacks a track that the movie has.
-            throw;
-        }
+        TrackPtr writerTrack = nullptr;
+        static_cast<void>(mWriter->GetTrackPtr(outTrackID, writerTrack)); // It is there.
+        mTracks.push_back(std::move(track));
+        mWriterTracks.push_back(writerTrack);
+        mPending.emplace_back();
+        mJournal.AddTrack(record);
         return mJournal.Write();
     }
 
@@ -312,10 +311,8 @@ private:
         const TrackID track = inTrackID - kFirstTrackID;
         if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
         {
-            // Refuses. A track that came without its record was a failure.
-            return mFailure < 0 ? mFailure
-                                : mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount,
-                                                          inSampleDuration, inAuxValue, inAuxFlag);
+            return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
+                                           inAuxFlag); // Refuses.
         }
         Tolbin::Result result = mFailure;
         if (result >= 0)
@@ -433,7 +430,7 @@ private:
         }
     }
 
-    //! No track and no media can be added from now on, nor the movie be closed.
+    //! No media can be added from now on, nor the movie be closed.
     void Fail(Tolbin::Result inResult)
     {
         mFailure = inResult;
@@ -451,7 +448,6 @@ private:
     void Abandon()
     {
         mWriter = boost::make_shared<PrivateReelmill>();
-        mFailure = Tolbin::kResultSuccess;
         ForgetTracks();
         static_cast<void>(mJournal.Close());
     }
@@ -466,7 +462,7 @@ private:
     std::int64_t mBlockEnd = 0;   //!< File offset: media that reaches it makes a block go to disk. 0 before any media.
     std::int64_t mPendingEnd = 0; //!< File offset: samples that end before it may stay pending.
     std::int64_t mPendingSize = kMinPendingSize;      //!< Bytes of media that may be pending, if no block ends before.
-    Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media, or of the memory for a track.
+    Tolbin::Result mFailure = Tolbin::kResultSuccess; //!< Of a write of media.
     bool mWasCreated = false;
 };
 

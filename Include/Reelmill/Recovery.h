@@ -27,12 +27,12 @@ namespace QT
 //!   written.
 //! - `AddMediaSample`, `AddTextMediaSample`: an error of the system when the journal cannot be written; the samples are
 //!   not part of the movie then, and adding them again is a new attempt. After a failed write of media, its result
-//!   again; after memory failed for the record of a track, `kResultOutOfMemory`. `NewMovieTrack` gives the same then.
+//!   again.
 //! - the other calls: an error of the system when the journal cannot be written; the movie has taken the call all the
 //!   same, and its record goes with the next.
 //! - `Close`: brings the movie to the device and removes the journal, in that order. On any failure, also one that a
-//!   plain writer's `Close` does not tell, the journal stays, and so does what it needs of the movie. After a failure
-//!   that `AddMediaSample` tells again: its result; nothing more is written.
+//!   plain writer's `Close` does not tell, the journal stays, and so does what it needs of the movie. After a failed
+//!   write of media: its result; nothing more is written.
 //!
 //! \param inJournalPath  path of the journal; empty: the movie's with ".journal" behind it
 TOLBIN_EXPORT boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath = {});
