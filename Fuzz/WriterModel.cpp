@@ -51,10 +51,13 @@ std::uint64_t CountSamples(const Track& inTrack)
     return count;
 }
 
+//! Whether all samples are of one size. Records without samples have none.
 bool IsUniform(const Track& inTrack)
 {
-    return std::all_of(inTrack.records.begin(), inTrack.records.end(), [&](const Record& inRecord) {
-        return SampleSize(inRecord) == SampleSize(inTrack.records.front());
+    const auto hasSamples = [](const Record& inRecord) { return inRecord.count != 0; };
+    const auto first = std::find_if(inTrack.records.begin(), inTrack.records.end(), hasSamples);
+    return std::all_of(first, inTrack.records.end(), [&](const Record& inRecord) {
+        return !hasSamples(inRecord) || SampleSize(inRecord) == SampleSize(*first);
     });
 }
 

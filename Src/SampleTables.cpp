@@ -14,18 +14,16 @@ namespace QT
 namespace
 {
 
-//! The size of each sample of a record; 0 for a record without samples.
+//! The size of each sample of a record, which has some.
 std::int32_t SizePerSample(const MediaSampleRec& inRecord)
 {
-    switch (inRecord.sampleCount)
-    {
-    case 0:
-        return 0;
-    case 1:
-        return inRecord.dataSize; // By far the most frequent, and a division is dear.
-    default:
-        return inRecord.dataSize / inRecord.sampleCount;
-    }
+    // One sample is by far the most frequent, and a division costs more than all the rest.
+    return inRecord.sampleCount == 1 ? inRecord.dataSize : inRecord.dataSize / inRecord.sampleCount;
+}
+
+bool HasSamples(const MediaSampleRec& inRecord)
+{
+    return inRecord.sampleCount != 0;
 }
 
 //! Records of equal duration share an entry of 'stts'; those of duration 0 join the next duration that is not.
@@ -197,7 +195,7 @@ struct SampleTables::Counter
     void AddRecord(const MediaSampleRec& inRecord)
     {
         sampleCount += static_cast<std::uint64_t>(std::max(inRecord.sampleCount, 0));
-        differentBits |= SizePerSample(inRecord) ^ firstSize;
+        differentBits |= HasSamples(inRecord) ? SizePerSample(inRecord) ^ firstSize : 0;
         lastOffset = std::max(lastOffset, inRecord.fileOffset);
     }
 
@@ -236,7 +234,7 @@ public:
 
     void AddRecord(const MediaSampleRec& inRecord)
     {
-        if (mIsUniform)
+        if (mIsUniform || !HasSamples(inRecord))
         {
             return;
         }
@@ -344,7 +342,8 @@ bool SampleTables::MeasureBySummary(const SampleSummary& inSummary)
 void SampleTables::MeasureByRecords()
 {
     Counter counter;
-    counter.firstSize = mRecords->empty() ? 0 : SizePerSample(mRecords->front());
+    const auto first = std::find_if(mRecords->begin(), mRecords->end(), HasSamples);
+    counter.firstSize = first == mRecords->end() ? 0 : SizePerSample(*first);
     counter = Walk(counter);
     mSampleCount = counter.sampleCount;
     mTimeCount = counter.timeCount;

@@ -700,14 +700,14 @@ def table_atom(kind, fields, entries):
 
 
 def sample_sizes(samples):
-    """'stsz': one size for all, or one entry per sample."""
-    sizes = [divide(sample.size, sample.count) if sample.count else 0 for sample in samples]
-    total = sum(sample.count for sample in samples)
-    if all(size == sizes[0] for size in sizes):
-        return atom("stsz", u32(0), u32(sizes[0]), u32(total))
+    """'stsz': one size for all, or one entry per sample. A record without samples has no part in it."""
+    sizes = [(divide(sample.size, sample.count), sample.count) for sample in samples if sample.count]
+    total = sum(count for _, count in sizes)
+    if len({size for size, _ in sizes}) <= 1:
+        return atom("stsz", u32(0), u32(sizes[0][0] if sizes else 0), u32(total))
     if 20 + 4 * total > MAX_ATOM_SIZE:
         raise AssemblyFailed(TOO_LARGE)
-    entries = [u32(size) * sample.count for size, sample in zip(sizes, samples)]
+    entries = [u32(size) * count for size, count in sizes]
     return table_atom("stsz", [u32(0), u32(0), u32(total)], entries)
 
 
