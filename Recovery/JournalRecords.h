@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <variant>
 
 // The journal of a movie.
@@ -156,6 +157,14 @@ struct JournalUserData
     std::uint64_t track = kMovie; //!< Or the movie.
     std::int32_t type = 0;
     Tolbin::utility::BinaryDataArray payload;
+};
+
+//! The same, with a payload that is somebody else's.
+struct JournalUserDataView
+{
+    std::uint64_t track = JournalUserData::kMovie;
+    std::int32_t type = 0;
+    std::span<const std::uint8_t> payload;
 };
 
 struct JournalReference

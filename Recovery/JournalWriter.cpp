@@ -66,6 +66,7 @@ JournalWriter::Samples BackToBack(JournalWriter::Samples inSamples)
 
 Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
 {
+    mFrame.resize(kFullSize + kMaxSampleSize);
     Tolbin::Result result =
         mFile.Create(inPath, Ventra::FileAccessFlags::kWrite, Ventra::FileShareModeFlags::kRead,
                      Ventra::FileCreateDispositionFlags::kCreateNew, Ventra::FileAttributesFlags::kNormal, false);
@@ -73,7 +74,6 @@ Tolbin::Result JournalWriter::Create(const Tolbin::UTF16String& inPath)
     {
         return result;
     }
-    mFrame.resize(kFullSize + kMaxSampleSize);
     JournalHeader header;
     header.checksum = ChecksumOf(&header, offsetof(JournalHeader, checksum));
     unsigned int written = 0;
@@ -329,16 +329,38 @@ void JournalWriter::PutRepeats()
     }
 }
 
-void JournalWriter::ReserveTrack(const JournalTrack& inTrack)
+void JournalWriter::Reserve(const JournalTrack& inTrack)
 {
     mTracks.reserve(mTracks.size() + 1);
-    Reserve(4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
+    ReserveFields(4 * kMaxNumberSize + MaxSizeOf(inTrack.description));
 }
 
-void JournalWriter::AddTrack(const JournalTrack& inTrack)
+void JournalWriter::Reserve(const JournalUserDataView& inUserData)
 {
-    ReserveTrack(inTrack);
-    PutKind(JournalKind::kTrack, 0);
+    ReserveFields(3 * kMaxNumberSize + inUserData.payload.size());
+}
+
+void JournalWriter::Reserve(const JournalReference& /*inReference*/)
+{
+    ReserveFields(3 * kMaxNumberSize);
+}
+
+void JournalWriter::Reserve(const JournalTrimIn& /*inTrimIn*/)
+{
+    ReserveFields(2 * kMaxNumberSize);
+}
+
+void JournalWriter::Reserve(const JournalEndChunk& /*inEndChunk*/)
+{
+    ReserveFields(kMaxNumberSize);
+}
+
+Tolbin::Result JournalWriter::AddTrack(const JournalTrack& inTrack)
+{
+    Reserve(inTrack);
+    PutRepeats();
+    const std::size_t begin = mEnd;
+    PutKind(JournalKind::kTrack);
     PutNumber(inTrack.mediaType);
     PutNumber(Bits32(inTrack.timeScale));
     PutNumber(Bits32(inTrack.width));
@@ -346,11 +368,19 @@ void JournalWriter::AddTrack(const JournalTrack& inTrack)
     PutDescription(inTrack.description);
     const std::uint64_t track = mTracks.size();
     mTracks.push_back({.last = {.track = track}, .next = track});
+    const Tolbin::Result result = Write();
+    if (result < 0)
+    {
+        mTracks.pop_back();
+        mEnd = begin;
+    }
+    return result;
 }
 
 void JournalWriter::Add(const JournalMovie& inMovie)
 {
-    PutKind(JournalKind::kMovie, 3 * kMaxNumberSize);
+    ReserveFields(3 * kMaxNumberSize);
+    PutKind(JournalKind::kMovie);
     PutNumber(Bits32(inMovie.timeScale));
     PutNumber(inMovie.placeholderSize);
     PutNumber(static_cast<std::uint64_t>(inMovie.creationTime));
@@ -358,27 +388,31 @@ void JournalWriter::Add(const JournalMovie& inMovie)
 
 void JournalWriter::Add(const JournalDescription& inDescription)
 {
-    PutKind(JournalKind::kDescription, kMaxNumberSize + MaxSizeOf(inDescription.description));
+    ReserveFields(kMaxNumberSize + MaxSizeOf(inDescription.description));
+    PutKind(JournalKind::kDescription);
     PutNumber(inDescription.track);
     PutDescription(inDescription.description);
 }
 
 void JournalWriter::Add(const JournalEndChunk& inEndChunk)
 {
-    PutKind(JournalKind::kEndChunk, kMaxNumberSize);
+    Reserve(inEndChunk);
+    PutKind(JournalKind::kEndChunk);
     PutNumber(inEndChunk.track);
 }
 
 void JournalWriter::Add(const JournalTrimIn& inTrimIn)
 {
-    PutKind(JournalKind::kTrimIn, 2 * kMaxNumberSize);
+    Reserve(inTrimIn);
+    PutKind(JournalKind::kTrimIn);
     PutNumber(inTrimIn.track);
     PutNumber(Bits32(inTrimIn.trimIn));
 }
 
-void JournalWriter::Add(const JournalUserData& inUserData)
+void JournalWriter::Add(const JournalUserDataView& inUserData)
 {
-    PutKind(JournalKind::kUserData, 3 * kMaxNumberSize + inUserData.payload.size());
+    Reserve(inUserData);
+    PutKind(JournalKind::kUserData);
     PutNumber(inUserData.track);
     PutNumber(Bits32(inUserData.type));
     PutBytes(inUserData.payload.data(), inUserData.payload.size());
@@ -386,7 +420,8 @@ void JournalWriter::Add(const JournalUserData& inUserData)
 
 void JournalWriter::Add(const JournalReference& inReference)
 {
-    PutKind(JournalKind::kReference, 3 * kMaxNumberSize);
+    Reserve(inReference);
+    PutKind(JournalKind::kReference);
     PutNumber(inReference.track);
     PutNumber(inReference.referenced);
     PutNumber(inReference.type);
@@ -394,7 +429,8 @@ void JournalWriter::Add(const JournalReference& inReference)
 
 void JournalWriter::Add(const JournalProbe& inProbe)
 {
-    PutKind(JournalKind::kProbe, 3 * kMaxNumberSize);
+    ReserveFields(3 * kMaxNumberSize);
+    PutKind(JournalKind::kProbe);
     PutNumber(static_cast<std::uint64_t>(inProbe.offset));
     PutNumber(inProbe.size);
     PutNumber(inProbe.checksum);
@@ -402,13 +438,14 @@ void JournalWriter::Add(const JournalProbe& inProbe)
 
 void JournalWriter::Add(JournalClosing inClosing)
 {
-    PutKind(JournalKind::kClosing, kMaxNumberSize);
+    ReserveFields(kMaxNumberSize);
+    PutKind(JournalKind::kClosing);
     PutNumber(inClosing.endsWithMedia ? 1 : 0);
 }
 
 //! Makes room for a record whose fields take at most so many bytes, and for a sample behind it. Nothing has changed when
 //! memory fails.
-void JournalWriter::Reserve(std::size_t inFieldSize)
+void JournalWriter::ReserveFields(std::size_t inFieldSize)
 {
     const std::size_t needed = mEnd + 1 + inFieldSize + kMaxSampleSize;
     if (needed > mFrame.size())
@@ -417,10 +454,9 @@ void JournalWriter::Reserve(std::size_t inFieldSize)
     }
 }
 
-//! Begins a record, once there is room for it.
-void JournalWriter::PutKind(JournalKind inKind, std::size_t inFieldSize)
+//! Begins a record, for which there is room.
+void JournalWriter::PutKind(JournalKind inKind)
 {
-    Reserve(inFieldSize);
     PutRepeats();
     mIsRepeatable = false;
     mFrame[mEnd++] = static_cast<std::uint8_t>(inKind);

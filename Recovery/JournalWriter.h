@@ -22,7 +22,8 @@ class JournalWriter
 public:
     using Samples = std::span<const MediaSampleRec>;
 
-    //! Creates the journal, which must not exist, and writes its header.
+    //! Creates the journal, which must not exist, and writes its header. After a failure there is none, unless it was
+    //! there before.
     Tolbin::Result Create(const Tolbin::UTF16String& inPath);
 
     //! Whether so much is collected that it should be written before more is.
@@ -42,14 +43,21 @@ public:
     //! The sample that was added last, as uncertain, never became part of the movie. Throws nothing.
     void Revoke();
 
-    //! Makes room, so that nothing between here and the end of `AddTrack` throws.
-    void ReserveTrack(const JournalTrack& inTrack);
-    void AddTrack(const JournalTrack& inTrack);
+    //! Makes room for a record and a sample behind it, so that nothing between here and the end of its `Add` throws.
+    //! Throws itself before anything has changed, as every `Add` does that finds no room.
+    void Reserve(const JournalTrack& inTrack);
+    void Reserve(const JournalUserDataView& inUserData);
+    void Reserve(const JournalReference& inReference);
+    void Reserve(const JournalTrimIn& inTrimIn);
+    void Reserve(const JournalEndChunk& inEndChunk);
+
+    //! Adds a track and writes what is collected. After a failure the journal does not know the track.
+    Tolbin::Result AddTrack(const JournalTrack& inTrack);
     void Add(const JournalMovie& inMovie);
     void Add(const JournalDescription& inDescription);
     void Add(const JournalEndChunk& inEndChunk);
     void Add(const JournalTrimIn& inTrimIn);
-    void Add(const JournalUserData& inUserData);
+    void Add(const JournalUserDataView& inUserData);
     void Add(const JournalReference& inReference);
     void Add(const JournalProbe& inProbe);
     void Add(JournalClosing inClosing);
@@ -79,8 +87,8 @@ private:
     std::size_t PutTurns(std::span<Samples> ioSamples, std::int64_t& ioOffset);
     void PutRepeats();
     static std::size_t MaxSizeOf(const StoredDescription& inDescription);
-    void Reserve(std::size_t inFieldSize);
-    void PutKind(JournalKind inKind, std::size_t inFieldSize);
+    void ReserveFields(std::size_t inFieldSize);
+    void PutKind(JournalKind inKind);
     void PutNumber(std::uint64_t inNumber);
     void PutBytes(const void* inData, std::size_t inSize);
     void PutDescription(const StoredDescription& inDescription);

@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
+#include <utility>
 #include <vector>
 
 namespace QT
@@ -72,6 +74,21 @@ inline std::uint32_t CountZeros(const void* inData, int inSize)
     return last != 0 ? static_cast<std::uint32_t>(std::countl_zero(last.value())) / 8 : CountSomeZeros(data, size);
 }
 
+//! Calls a function at the end of a scope, exceptions included. Takes no memory.
+template <typename Function>
+class AtExit
+{
+public:
+    explicit AtExit(Function inFunction) : mFunction(inFunction) {}
+    ~AtExit() { mFunction(); }
+
+    AtExit(const AtExit&) = delete;
+    AtExit& operator=(const AtExit&) = delete;
+
+private:
+    Function mFunction;
+};
+
 } // namespace
 
 //! Forwards every call to a writer and puts what succeeded into the journal. A sample's record is written before the
@@ -102,24 +119,18 @@ public:
             static_cast<void>(mJournal.Close());
             return result;
         }
-        result = mWriter->Create(inPath, inMovieTimeScale);
-        if (result >= 0)
+        try
         {
-            const MovieStart start = mWriter->GetStart();
-            mJournal.Add(JournalMovie{start.movieTimeScale, start.placeholderSize, start.creationTime});
-            const Tolbin::Result journalResult = mJournal.WriteThrough();
-            result = journalResult < 0 ? journalResult : result;
+            result = CreateMovie(inPath, inMovieTimeScale);
         }
-        if (result >= 0)
+        catch (...)
         {
-            const Tolbin::Result syncResult = SyncFile(mPath);
-            result = syncResult < 0 ? syncResult : result;
+            TakeBackCreate();
+            throw;
         }
         if (result < 0)
         {
-            Abandon();
-            static_cast<void>(Ventra::File::Remove(mJournalPath)); // There is nothing to recover.
-            return result;
+            TakeBackCreate();
         }
         return result;
     }
@@ -128,31 +139,39 @@ public:
                                  boost::shared_ptr<QTSampleDescription> inSampleDescription,
                                  TrackID& outTrackID) override
     {
-        if (!inSampleDescription)
+        Tolbin::Result result = mWriter->CheckNewTrack(inMediaType, inSampleDescription);
+        if (result < 0)
         {
-            return mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription,
-                                          outTrackID); // Refuses.
+            return result;
         }
         // All that takes memory comes first: the writer must have no track that the journal lacks.
-        const JournalTrack record{inMediaType, inTimeScale, inWidth, inHeight, StoreDescription(*inSampleDescription)};
+        const JournalTrack record{inMediaType, inTimeScale, inWidth, inHeight, AskDescription(*inSampleDescription)};
         Track track{inSampleDescription, record.description};
         mTracks.reserve(mTracks.size() + 1);
         mWriterTracks.reserve(mTracks.size() + 1);
         mPending.reserve(mTracks.size() + 1);
-        mJournal.ReserveTrack(record);
-        const Tolbin::Result result =
-            mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription, outTrackID);
+        mJournal.Reserve(record);
+        TrackID trackID = 0;
+        result = mWriter->NewMovieTrack(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription, trackID);
+        if (result >= 0)
+        {
+            result = mJournal.AddTrack(record);
+            if (result < 0)
+            {
+                mWriter->RemoveLastTrack();
+            }
+        }
         if (result < 0)
         {
             return result;
         }
         TrackPtr writerTrack = nullptr;
-        static_cast<void>(mWriter->GetTrackPtr(outTrackID, writerTrack)); // It is there.
+        static_cast<void>(mWriter->GetTrackPtr(trackID, writerTrack)); // It is there.
         mTracks.push_back(std::move(track));
         mWriterTracks.push_back(writerTrack);
         mPending.emplace_back();
-        mJournal.AddTrack(record);
-        return mJournal.Write();
+        outTrackID = trackID;
+        return result;
     }
 
     // Flattened: a call would cost as much as what it does.
@@ -167,25 +186,20 @@ public:
         {
             return AddNow(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue, inAuxFlag);
         }
-        TrackRec& writerTrack = *mWriterTracks[track];
-        const Tolbin::Result result = mWriter->AddToTrack(writerTrack, offset, inData, inDataSize, inSampleCount,
-                                                          inSampleDuration, inAuxValue, inAuxFlag);
-        if (result >= 0)
-        {
-            // Copied a moment ago, the last bytes are in the caches.
-            writerTrack.samples.back().zeros = CountZeros(inData, inDataSize);
-        }
-        return result;
+        // Copied a moment ago, the last bytes are in the caches when their zeros are counted.
+        return mWriter->AddToTrack(*mWriterTracks[track], offset, inData, inDataSize, inSampleCount, inSampleDuration,
+                                   inAuxValue, inAuxFlag, [&] { return CountZeros(inData, inDataSize); });
     }
 
     Tolbin::Result EndMediaChunk(TrackID inTrackID) override
     {
+        const JournalEndChunk record{inTrackID - kFirstTrackID};
+        mJournal.Reserve(record);
         const Tolbin::Result result = mWriter->EndMediaChunk(inTrackID);
-        const TrackID track = inTrackID - kFirstTrackID;
         // A sample that is pending says so itself.
-        if (result >= 0 && (track >= mTracks.size() || GetPending(track).empty()))
+        if (result >= 0 && GetPending(record.track).empty())
         {
-            mJournal.Add(JournalEndChunk{track});
+            mJournal.Add(record);
         }
         return result;
     }
@@ -202,38 +216,34 @@ public:
 
     Tolbin::Result AddTrackUserData(TrackID inTrackID, int inUserDataType, void* inData, int inDataSize) override
     {
-        const Tolbin::Result result = mWriter->AddTrackUserData(inTrackID, inUserDataType, inData, inDataSize);
-        return result < 0 ? result : AddUserDataRecord(inTrackID - kFirstTrackID, inUserDataType, inData, inDataSize);
+        const Tolbin::Result result = mWriter->CheckTrackUserData(inTrackID, inUserDataType, inData, inDataSize);
+        return result < 0 ? result
+                          : AddRecord(MakeUserData(inTrackID - kFirstTrackID, inUserDataType, inData, inDataSize), [&] {
+                                return mWriter->AddTrackUserData(inTrackID, inUserDataType, inData, inDataSize);
+                            });
     }
 
     Tolbin::Result AddUserData(int inUserDataType, void* inData, int inDataSize) override
     {
-        const Tolbin::Result result = mWriter->AddUserData(inUserDataType, inData, inDataSize);
-        return result < 0 ? result : AddUserDataRecord(JournalUserData::kMovie, inUserDataType, inData, inDataSize);
+        const Tolbin::Result result = mWriter->CheckUserData(inUserDataType, inData, inDataSize);
+        return result < 0 ? result
+                          : AddRecord(MakeUserData(JournalUserData::kMovie, inUserDataType, inData, inDataSize),
+                                      [&] { return mWriter->AddUserData(inUserDataType, inData, inDataSize); });
     }
 
     Tolbin::Result AddTrackReference(TrackID inTrackID, TrackID inReferencedTrackID,
                                      TrackReferenceType inReferenceType) override
     {
-        const Tolbin::Result result = mWriter->AddTrackReference(inTrackID, inReferencedTrackID, inReferenceType);
-        if (result < 0)
-        {
-            return result;
-        }
-        mJournal.Add(JournalReference{inTrackID - kFirstTrackID, inReferencedTrackID - kFirstTrackID,
-                                      static_cast<std::uint32_t>(inReferenceType)});
-        return mJournal.Write();
+        const JournalReference record{inTrackID - kFirstTrackID, inReferencedTrackID - kFirstTrackID,
+                                      static_cast<std::uint32_t>(inReferenceType)};
+        return AddRecord(record,
+                         [&] { return mWriter->AddTrackReference(inTrackID, inReferencedTrackID, inReferenceType); });
     }
 
     Tolbin::Result SetTrackTrimIn(TrackID inTrackID, int inTrimIn) override
     {
-        const Tolbin::Result result = mWriter->SetTrackTrimIn(inTrackID, inTrimIn);
-        if (result < 0)
-        {
-            return result;
-        }
-        mJournal.Add(JournalTrimIn{inTrackID - kFirstTrackID, inTrimIn});
-        return mJournal.Write();
+        return AddRecord(JournalTrimIn{inTrackID - kFirstTrackID, inTrimIn},
+                         [&] { return mWriter->SetTrackTrimIn(inTrackID, inTrimIn); });
     }
 
     // On disk before: the movie as far as it was written, the journal. Afterwards: the finished movie; or the journal,
@@ -255,7 +265,7 @@ public:
         }
         if (result >= 0)
         {
-            AddChangedDescriptions();
+            AddChangedDescriptions(std::nullopt);
             mJournal.Add(JournalClosing{inEndsWithMedia});
             result = mJournal.WriteThrough();
         }
@@ -268,12 +278,12 @@ public:
             Abandon();
             return result;
         }
+        ForgetTracks();
         if (inEndsWithMedia)
         {
             FitTracksToMedia(mWriter->GetTracks());
         }
         const Tolbin::Result closeResult = mWriter->Close();
-        ForgetTracks();
         result = closeResult < 0 ? closeResult : mWriter->GetPlaceholderResult();
         if (result >= 0)
         {
@@ -299,6 +309,46 @@ private:
         std::size_t journaled = 0; //!< How many of its samples the journal has; the others are pending.
     };
 
+    //! The part of `Create` after the journal is there. On disk afterwards: the movie's head, on the device, and the
+    //! record of it in the journal.
+    Tolbin::Result CreateMovie(const Tolbin::UTF16String& inPath, int inMovieTimeScale)
+    {
+        const Tolbin::Result result = mWriter->Create(inPath, inMovieTimeScale);
+        if (result < 0)
+        {
+            return result;
+        }
+        const MovieStart start = mWriter->GetStart();
+        mJournal.Add(JournalMovie{start.movieTimeScale, start.placeholderSize, start.creationTime});
+        const Tolbin::Result journalResult = mJournal.WriteThrough();
+        if (journalResult < 0)
+        {
+            return journalResult;
+        }
+        const Tolbin::Result syncResult = SyncFile(mPath);
+        return syncResult < 0 ? syncResult : result;
+    }
+
+    //! Makes a call of the writer and puts its record into the journal. Memory for the record comes first: what the
+    //! movie has taken the journal must not lack.
+    template <typename Record, typename Call>
+    Tolbin::Result AddRecord(const Record& inRecord, Call inCall)
+    {
+        mJournal.Reserve(inRecord);
+        const Tolbin::Result result = inCall();
+        if (result < 0)
+        {
+            return result;
+        }
+        mJournal.Add(inRecord);
+        return mJournal.Write();
+    }
+
+    static JournalUserDataView MakeUserData(std::uint64_t inTrack, int inType, const void* inData, int inSize)
+    {
+        return {inTrack, inType, {static_cast<const std::uint8_t*>(inData), static_cast<std::size_t>(inSize)}};
+    }
+
     JournalWriter::Samples GetPending(std::size_t inTrack) const
     {
         return JournalWriter::Samples(mWriterTracks[inTrack]->samples).subspan(mTracks[inTrack].journaled);
@@ -309,7 +359,7 @@ private:
                                             std::int32_t inSampleDuration, std::int32_t inAuxValue, bool inAuxFlag)
     {
         const TrackID track = inTrackID - kFirstTrackID;
-        if (track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
+        if (mWriter->Flush() < 0 || track >= mTracks.size() || !IsValidBuffer(inData, inDataSize) || inSampleCount < 0)
         {
             return mWriter->AddMediaSample(inTrackID, inData, inDataSize, inSampleCount, inSampleDuration, inAuxValue,
                                            inAuxFlag); // Refuses.
@@ -323,25 +373,31 @@ private:
         {
             return result;
         }
-        JournalSample sample{track, inDataSize, inSampleCount, inSampleDuration, 0, false};
-        if (const std::int64_t offset = mWriter->GetMediaEnd(); offset + inDataSize < mBlockEnd)
-        {
-            result = mWriter->AddToTrack(*mWriterTracks[track], offset, inData, inDataSize, inSampleCount,
-                                         inSampleDuration, inAuxValue, inAuxFlag);
-            if (result >= 0)
+        // Also after an exception, which need not mean that the movie lacks the sample.
+        const AtExit settle([&] {
+            mTracks[track].journaled = mWriterTracks[track]->samples.size();
+            mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mWriter->GetMediaEnd() + mPendingSize);
+        });
+        const JournalSample sample{
+            track, inDataSize, inSampleCount, inSampleDuration, CountZeros(inData, inDataSize), /*endsChunk*/ false};
+        return mWriter->GetMediaEnd() + inDataSize < mBlockEnd ? AddSampleToBlock(sample, inData, inAuxValue, inAuxFlag)
+                                                               : AddProbedSample(sample, inData, inAuxValue, inAuxFlag);
+    }
+
+    //! Adds a sample that stays in the block.
+    Tolbin::Result AddSampleToBlock(const JournalSample& inSample, void* inData, std::int32_t inAuxValue,
+                                    bool inAuxFlag)
+    {
+        const MediaSampleVector& samples = mWriterTracks[inSample.track]->samples;
+        const AtExit settle([&, count = samples.size()] {
+            if (samples.size() > count)
             {
-                sample.zeros = CountZeros(inData, inDataSize);
-                mJournal.AddSample(sample);
+                mJournal.AddSample(inSample);
             }
-        }
-        else
-        {
-            sample.zeros = CountZeros(inData, inDataSize);
-            result = AddProbedSample(sample, inTrackID, inData, inAuxValue, inAuxFlag);
-        }
-        mTracks[track].journaled = mWriterTracks[track]->samples.size();
-        mPendingEnd = mFailure < 0 ? 0 : std::min(mBlockEnd, mWriter->GetMediaEnd() + mPendingSize);
-        return result;
+        });
+        return mWriter->AddToTrack(*mWriterTracks[inSample.track], mWriter->GetMediaEnd(), inData, inSample.size,
+                                   inSample.count, inSample.duration, inAuxValue, inAuxFlag,
+                                   [&] { return inSample.zeros; });
     }
 
     //! Puts what is pending into the journal, and leaves room for a sample there.
@@ -370,58 +426,51 @@ private:
     }
 
     //! Adds a sample that makes a block go to disk, or the first: once the journal is on the device.
-    Tolbin::Result AddProbedSample(const JournalSample& inSample, TrackID inTrackID, void* inData,
-                                   std::int32_t inAuxValue, bool inAuxFlag)
+    Tolbin::Result AddProbedSample(const JournalSample& inSample, void* inData, std::int32_t inAuxValue, bool inAuxFlag)
     {
-        AddChangedDescriptions();
+        AddChangedDescriptions(inSample.track);
         if (const std::uint32_t size = std::min(Bits32(inSample.size), kMaxProbeSize); size > 0)
         {
             mJournal.Add(JournalProbe{mWriter->GetMediaEnd(), size, ChecksumOf(inData, size)});
         }
         mJournal.AddUncertainSample(inSample);
+        const MediaSampleVector& samples = mWriterTracks[inSample.track]->samples;
+        bool isTried = false; // To write it.
+        const AtExit settle([&, count = samples.size()] {
+            if (samples.size() == count)
+            {
+                mJournal.Revoke();
+                static_cast<void>(isTried ? mJournal.Write() : 0); // The file ends before the sample does anyway.
+            }
+            if (isTried && inSample.size > 0)
+            {
+                mBlockEnd = mWriter->GetMediaEnd() + static_cast<std::int64_t>(mWriter->GetBlockRoom());
+            }
+        });
         Tolbin::Result result = mJournal.WriteThrough();
-        if (result < 0)
+        if (result >= 0)
         {
-            mJournal.Revoke();
-            return result;
-        }
-        try
-        {
-            result = mWriter->AddMediaSample(inTrackID, inData, inSample.size, inSample.count, inSample.duration,
-                                             inAuxValue, inAuxFlag);
-        }
-        catch (...)
-        {
-            mJournal.Revoke();
-            throw;
-        }
-        if (result < 0)
-        {
-            Fail(result);
-            mJournal.Revoke();
-            static_cast<void>(mJournal.Write()); // The file ends before the sample does all the same.
-        }
-        if (inSample.size > 0)
-        {
-            mBlockEnd = mWriter->GetMediaEnd() + static_cast<std::int64_t>(mWriter->GetBlockRoom());
+            isTried = true;
+            result = mWriter->AddToTrack(*mWriterTracks[inSample.track], mWriter->GetMediaEnd(), inData, inSample.size,
+                                         inSample.count, inSample.duration, inAuxValue, inAuxFlag,
+                                         [&] { return inSample.zeros; });
+            mFailure = std::min(result, Tolbin::kResultSuccess);
         }
         return result;
     }
 
-    Tolbin::Result AddUserDataRecord(std::uint64_t inTrack, int inType, const void* inData, int inSize)
-    {
-        const auto* const bytes = static_cast<const std::uint8_t*>(inData);
-        mJournal.Add(JournalUserData{inTrack, inType, Tolbin::utility::BinaryDataArray(bytes, bytes + inSize)});
-        return mJournal.Write();
-    }
-
-    //! The writer asks for a description's bytes when it closes the movie: until then a host may change it. One that
-    //! gives no bytes, if only for want of memory, leaves the one before in force.
-    void AddChangedDescriptions()
+    //! The writer asks for a description's bytes when it closes the movie: until then a host may change it. A track
+    //! without samples needs none. One that gives no bytes, if only for want of memory, leaves the one before in force.
+    //! \param inNext  the track of a sample that is about to be added; none when the movie is closed
+    void AddChangedDescriptions(std::optional<std::size_t> inNext)
     {
         for (std::size_t track = 0; track < mTracks.size(); ++track)
         {
-            StoredDescription stored = StoreDescription(*mTracks[track].description);
+            if (mWriterTracks[track]->samples.empty() && track != inNext)
+            {
+                continue;
+            }
+            StoredDescription stored = AskDescription(*mTracks[track].description);
             if (!stored.entry.empty() && !(stored == mTracks[track].stored))
             {
                 mJournal.Add(JournalDescription{track, stored});
@@ -430,11 +479,14 @@ private:
         }
     }
 
-    //! No media can be added from now on, nor the movie be closed.
-    void Fail(Tolbin::Result inResult)
+    //! What a description says. It may be the host's own: what it calls of this movie meanwhile is refused.
+    StoredDescription AskDescription(QTSampleDescription& inDescription)
     {
-        mFailure = inResult;
-        mPendingEnd = 0;
+        const PrivateReelmill::Pause pause(*mWriter);
+        const std::int64_t pendingEnd = std::exchange(mPendingEnd, 0);
+        StoredDescription stored = StoreDescription(inDescription);
+        mPendingEnd = pendingEnd;
+        return stored;
     }
 
     //! Later calls are for the writer to refuse.
@@ -447,9 +499,16 @@ private:
     //! Lets go of both files without writing to them. Every later call is out of order.
     void Abandon()
     {
-        mWriter = boost::make_shared<PrivateReelmill>();
         ForgetTracks();
+        mWriter->Abandon();
         static_cast<void>(mJournal.Close());
+    }
+
+    //! After a `Create` that failed: there is nothing to recover.
+    void TakeBackCreate()
+    {
+        Abandon();
+        static_cast<void>(Ventra::File::Remove(mJournalPath));
     }
 
     Tolbin::UTF16String mJournalPath;

@@ -82,35 +82,43 @@ private:
 
 } // namespace
 
-StoredDescription StoreDescription(QTSampleDescription& inDescription)
+namespace
+{
+
+StoredGeometry StoreGeometry(QTImageDescription& inDescription)
+{
+    StoredGeometry geometry;
+    geometry.width = inDescription.GetDescriptionWidth();
+    geometry.height = inDescription.GetDescriptionHeight();
+    const Quorlan::PixelAspectRatio aspect = inDescription.GetPixelAspect();
+    geometry.aspectNumerator = aspect.GetNumerator();
+    geometry.aspectDenominator = aspect.GetDenominator();
+    StoredGeometry::CleanAperture aperture;
+    if (inDescription.GetCleanAperture(aperture.widthN, aperture.widthD, aperture.heightN, aperture.heightD,
+                                       aperture.horizOffN, aperture.horizOffD, aperture.vertOffN, aperture.vertOffD))
+    {
+        geometry.aperture = aperture;
+    }
+    return geometry;
+}
+
+} // namespace
+
+StoredDescription StoreDescription(QTSampleDescription& inDescription) noexcept
 {
     StoredDescription stored;
     try
     {
+        if (auto* const image = dynamic_cast<QTImageDescription*>(&inDescription))
+        {
+            stored.geometry = StoreGeometry(*image);
+        }
         inDescription.GetAsBinary(stored.entry);
     }
     catch (...)
     {
         stored.entry.clear(); // As the writer's `Close`, which takes it for a failure of the track.
     }
-    auto* image = dynamic_cast<QTImageDescription*>(&inDescription);
-    if (image == nullptr)
-    {
-        return stored;
-    }
-    StoredGeometry geometry;
-    geometry.width = image->GetDescriptionWidth();
-    geometry.height = image->GetDescriptionHeight();
-    const Quorlan::PixelAspectRatio aspect = image->GetPixelAspect();
-    geometry.aspectNumerator = aspect.GetNumerator();
-    geometry.aspectDenominator = aspect.GetDenominator();
-    StoredGeometry::CleanAperture aperture;
-    if (image->GetCleanAperture(aperture.widthN, aperture.widthD, aperture.heightN, aperture.heightD,
-                                aperture.horizOffN, aperture.horizOffD, aperture.vertOffN, aperture.vertOffD))
-    {
-        geometry.aperture = aperture;
-    }
-    stored.geometry = geometry;
     return stored;
 }
 

@@ -48,7 +48,7 @@ struct StoredDescription
 };
 
 //! An exception of the description counts as no bytes.
-StoredDescription StoreDescription(QTSampleDescription& inDescription);
+StoredDescription StoreDescription(QTSampleDescription& inDescription) noexcept;
 
 //! A description that gives these answers, whatever it is told.
 boost::shared_ptr<QTSampleDescription> MakeDescription(const StoredDescription& inStored);

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -46,6 +47,15 @@ inline bool IsValidBuffer(const void* inData, int inSize)
 //! order.
 class PrivateReelmill final : public Reelmill
 {
+    enum class State
+    {
+        Constructed, //!< No file yet.
+        Streaming,   //!< Head written; media may be added.
+        Paused,      //!< The same, but not now.
+        MediaClosed, //!< All media is written; `Close` has yet to come.
+        Finished     //!< `Close` was called, or `Create` failed.
+    };
+
 public:
     using TrackMap =
         std::map<TrackID, TrackRec, std::less<>, Tolbin::allocator::STLAllocator<std::pair<const TrackID, TrackRec>>>;
@@ -76,9 +86,42 @@ public:
     Tolbin::Result GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr);
 
     //! `AddMediaSample` for whoever has found the track, knows where the media ends and has checked the rest.
+    //! \param inCountZeros  gives the record's `zeros`, once the bytes are in the block
+    template <typename CountZeros>
     Tolbin::Result AddToTrack(TrackRec& ioTrack, std::int64_t inFileOffset, void* inData, int inDataSize,
                               std::int32_t inSampleCount, std::int32_t inSampleDuration, std::int32_t inAuxValue,
-                              bool inAuxFlag);
+                              bool inAuxFlag, CountZeros inCountZeros);
+
+    //! The checks of the calls of these names, after which only memory can fail. \return the result of the call.
+    Tolbin::Result CheckNewTrack(MediaType inMediaType,
+                                 const boost::shared_ptr<QTSampleDescription>& inSampleDescription) const;
+    Tolbin::Result CheckUserData(int inUserDataType, const void* inData, int inDataSize) const;
+    Tolbin::Result CheckTrackUserData(TrackID inTrackID, int inUserDataType, const void* inData, int inDataSize);
+
+    //! Takes back the track that was added last and has no samples.
+    void RemoveLastTrack() { tracks.erase(std::prev(tracks.end())); }
+
+    //! For a scope, every call is refused with `kQTErrBadState`: the host's code runs amid a call of the writer.
+    class Pause
+    {
+    public:
+        explicit Pause(PrivateReelmill& ioMovie) : mMovie(ioMovie), mState(ioMovie.state)
+        {
+            mMovie.state = State::Paused;
+        }
+
+        ~Pause() { mMovie.state = mState; }
+
+        Pause(const Pause&) = delete;
+        Pause& operator=(const Pause&) = delete;
+
+    private:
+        PrivateReelmill& mMovie;
+        State mState;
+    };
+
+    //! Closes the file as it is. Every later call is out of order. Throws nothing.
+    void Abandon() noexcept;
 
     //! File offset of the next byte of media, as long as no write has failed.
     std::int64_t GetMediaEnd() const { return mediaDataOffset + mediaDataSize; }
@@ -87,7 +130,7 @@ public:
     std::size_t GetBlockRoom() { return unbufferedWriter->GetBlockRoom(); }
 
     //! The first part of `Close`, on its own for whoever must know its result: writes the media that is still in
-    //! memory. No media can be added any more.
+    //! memory. `Close` is the only call that is in order after it.
     Tolbin::Result CloseMedia();
 
     //! The failure of `Close` that its result does not tell: what is left of the placeholder was not written.
@@ -122,14 +165,8 @@ public:
 private:
     using UserDataMap = std::map<int, Tolbin::utility::BinaryDataArray>;
 
-    enum class State
-    {
-        Constructed, //!< No file yet.
-        Streaming,   //!< Head written; media may be added.
-        Finished     //!< `Close` was called, or `Create` failed.
-    };
-
     Tolbin::Result OpenMovieFile();
+    int GetLongestDuration() const;
     void ReadCreationTime();
     Tolbin::Result WriteMovieStart(unsigned int inDiskBufferSize);
     Tolbin::Result WriteMediaDataStart();
@@ -173,26 +210,27 @@ inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
 }
 
 //! Room for the record was made before. It goes straight to its place: one that is put together on the stack first is
-//! read back before its parts have left the store buffer, which costs more than all the rest.
+//! read back before its parts have left the store buffer, which costs more than all the rest. The report comes last,
+//! since its handler may throw.
 [[gnu::always_inline]] inline void PrivateReelmill::RecordMediaSample(TrackRec& ioTrack, const MediaSampleRec& inSample)
 {
     ioTrack.samples.emplace_back() = inSample;
     ioTrack.summary.Add(inSample);
+    mediaDataSize += inSample.dataSize;
     const auto newDuration =
         static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
+    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
     TOLBIN_ASSERT(
         (newDuration & 0xFFFFFFFF80000000LL) == 0,
         "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
         "being written in an invalid state.\n");
-    ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
-    mediaDataSize += inSample.dataSize;
 }
 
-[[gnu::always_inline]] inline Tolbin::Result PrivateReelmill::AddToTrack(TrackRec& ioTrack, std::int64_t inFileOffset,
-                                                                         void* inData, int inDataSize,
-                                                                         std::int32_t inSampleCount,
-                                                                         std::int32_t inSampleDuration,
-                                                                         std::int32_t inAuxValue, bool inAuxFlag)
+template <typename CountZeros>
+[[gnu::always_inline]] inline Tolbin::Result
+PrivateReelmill::AddToTrack(TrackRec& ioTrack, std::int64_t inFileOffset, void* inData, int inDataSize,
+                            std::int32_t inSampleCount, std::int32_t inSampleDuration, std::int32_t inAuxValue,
+                            bool inAuxFlag, CountZeros inCountZeros)
 {
     ReserveOneMore(ioTrack.samples); // Once the bytes are on their way nothing may keep them from being recorded.
     const Tolbin::Result result =
@@ -200,7 +238,7 @@ inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
     if (result >= 0)
     {
         RecordMediaSample(ioTrack, {inFileOffset, inSampleCount, inSampleDuration, inAuxValue, inDataSize, inAuxFlag,
-                                    /*endsChunk*/ false});
+                                    /*endsChunk*/ false, inCountZeros()});
     }
     return result;
 }

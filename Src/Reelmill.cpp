@@ -57,9 +57,9 @@ const char* QTResultMessage(Tolbin::Result inResult)
 
 const Tolbin::ResultMessages sResultMessages(QTResultMessage);
 
-//! Stores a copy of an item, in place of an earlier one of its type.
-Tolbin::Result StoreUserData(std::map<int, Tolbin::utility::BinaryDataArray>& ioItems, int inType, const void* inData,
-                             int inSize)
+//! Whether an item can be stored among these. \return 0; what `AddUserData` gives otherwise.
+Tolbin::Result CheckItem(const std::map<int, Tolbin::utility::BinaryDataArray>& inItems, int inType, const void* inData,
+                         int inSize)
 {
     if (inData == nullptr)
     {
@@ -71,17 +71,24 @@ Tolbin::Result StoreUserData(std::map<int, Tolbin::utility::BinaryDataArray>& io
     }
     const auto itemSize = [](std::size_t inPayloadSize) { return kAtomHeaderSize + std::uint64_t{inPayloadSize}; };
     std::uint64_t size = kAtomHeaderSize + itemSize(static_cast<std::size_t>(inSize));
-    for (const auto& [type, payload] : ioItems)
+    for (const auto& [type, payload] : inItems)
     {
         size += type != inType ? itemSize(payload.size()) : 0;
     }
-    if (size > kMaxAtomSize)
+    return size > kMaxAtomSize ? kQTErrTooLarge : Tolbin::kResultSuccess;
+}
+
+//! Stores a copy of an item, in place of an earlier one of its type.
+Tolbin::Result StoreItem(std::map<int, Tolbin::utility::BinaryDataArray>& ioItems, int inType, const void* inData,
+                         int inSize)
+{
+    const Tolbin::Result result = CheckItem(ioItems, inType, inData, inSize);
+    if (result >= 0)
     {
-        return kQTErrTooLarge;
+        const auto* bytes = static_cast<const std::uint8_t*>(inData);
+        ioItems.insert_or_assign(inType, Tolbin::utility::BinaryDataArray(bytes, bytes + inSize));
     }
-    const auto* bytes = static_cast<const std::uint8_t*>(inData);
-    ioItems.insert_or_assign(inType, Tolbin::utility::BinaryDataArray(bytes, bytes + inSize));
-    return Tolbin::kResultSuccess;
+    return result;
 }
 
 //! Reports that the assembly of 'moov' ended in an exception; never throws itself, though memory may be exhausted and
@@ -286,6 +293,20 @@ Tolbin::Result PrivateReelmill::NewMovieTrack(MediaType inMediaType, int inTimeS
                                               boost::shared_ptr<QTSampleDescription> inSampleDescription,
                                               TrackID& outTrackID)
 {
+    const Tolbin::Result result = CheckNewTrack(inMediaType, inSampleDescription);
+    if (result < 0)
+    {
+        return result;
+    }
+    const TrackID trackID = kFirstTrackID + tracks.size();
+    tracks.emplace(trackID, TrackRec(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription));
+    outTrackID = trackID;
+    return result;
+}
+
+Tolbin::Result PrivateReelmill::CheckNewTrack(MediaType inMediaType,
+                                              const boost::shared_ptr<QTSampleDescription>& inSampleDescription) const
+{
     if (state != State::Streaming)
     {
         return kQTErrBadState;
@@ -294,14 +315,7 @@ Tolbin::Result PrivateReelmill::NewMovieTrack(MediaType inMediaType, int inTimeS
     {
         return kQTErrUnknownMediaType;
     }
-    if (!inSampleDescription)
-    {
-        return kQTErrBadArgument;
-    }
-    const TrackID trackID = kFirstTrackID + tracks.size();
-    tracks.emplace(trackID, TrackRec(inMediaType, inTimeScale, inWidth, inHeight, inSampleDescription));
-    outTrackID = trackID;
-    return Tolbin::kResultSuccess;
+    return inSampleDescription ? Tolbin::kResultSuccess : kQTErrBadArgument;
 }
 
 Tolbin::Result PrivateReelmill::GetTrackPtr(TrackID inTrackID, TrackPtr& outTrackPtr)
@@ -336,7 +350,7 @@ Tolbin::Result PrivateReelmill::AddMediaSample(TrackID inTrackID, void* inData, 
         return kQTErrBadArgument;
     }
     return AddToTrack(*track, unbufferedWriter->GetFilePointer(), inData, inDataSize, inSampleCount, inSampleDuration,
-                      inAuxValue, inAuxFlag);
+                      inAuxValue, inAuxFlag, [] { return 0u; });
 }
 
 // Doubles while the vector lies in the heap. Beyond, room that is not used is address space only, so that the steps are
@@ -417,10 +431,11 @@ Tolbin::Result PrivateReelmill::AddTextMediaSample(TrackID inTrackID, const Tolb
 
 int PrivateReelmill::GetMovieDuration()
 {
-    if (state != State::Streaming)
-    {
-        return 0;
-    }
+    return state == State::Streaming ? GetLongestDuration() : 0;
+}
+
+int PrivateReelmill::GetLongestDuration() const
+{
     std::int32_t longest = 0;
     for (const auto& [trackID, track] : tracks)
     {
@@ -449,7 +464,12 @@ Tolbin::Result PrivateReelmill::AddUserData(int inUserDataType, void* inData, in
     {
         return kQTErrBadState;
     }
-    return StoreUserData(userData, inUserDataType, inData, inDataSize);
+    return StoreItem(userData, inUserDataType, inData, inDataSize);
+}
+
+Tolbin::Result PrivateReelmill::CheckUserData(int inUserDataType, const void* inData, int inDataSize) const
+{
+    return state == State::Streaming ? CheckItem(userData, inUserDataType, inData, inDataSize) : kQTErrBadState;
 }
 
 Tolbin::Result PrivateReelmill::AddTrackUserData(TrackID inTrackID, int inUserDataType, void* inData, int inDataSize)
@@ -460,7 +480,15 @@ Tolbin::Result PrivateReelmill::AddTrackUserData(TrackID inTrackID, int inUserDa
     {
         return result;
     }
-    return StoreUserData(track->userData, inUserDataType, inData, inDataSize);
+    return StoreItem(track->userData, inUserDataType, inData, inDataSize);
+}
+
+Tolbin::Result PrivateReelmill::CheckTrackUserData(TrackID inTrackID, int inUserDataType, const void* inData,
+                                                   int inDataSize)
+{
+    TrackPtr track = nullptr;
+    const Tolbin::Result result = GetTrackPtr(inTrackID, track);
+    return result < 0 ? result : CheckItem(track->userData, inUserDataType, inData, inDataSize);
 }
 
 Tolbin::Result PrivateReelmill::AddTrackReference(TrackID inTrackID, TrackID inReferencedTrackID,
@@ -493,12 +521,13 @@ Tolbin::Result PrivateReelmill::AddTrackReference(TrackID inTrackID, TrackID inR
 // final 'mdat' size, and 'moov' in the placeholder or at the end of the file.
 Tolbin::Result PrivateReelmill::Close()
 {
-    if (state != State::Streaming)
+    if (state != State::Streaming && state != State::MediaClosed)
     {
         return kQTErrBadState;
     }
     const FileCloser closer(file, unbufferedWriter);
     static_cast<void>(CloseMedia()); // A tail that is missing shows in the file's length.
+    state = State::Finished;         // For descriptions as well, which may be the host's and call the movie.
     Tolbin::Result result = PatchMediaDataSize();
     if (result >= 0)
     {
@@ -509,12 +538,12 @@ Tolbin::Result PrivateReelmill::Close()
             result = PlaceMooVAtom(mooVAtom);
         }
     }
-    state = State::Finished;
     return result;
 }
 
 Tolbin::Result PrivateReelmill::CloseMedia()
 {
+    state = State::MediaClosed;
     if (!unbufferedWriter)
     {
         return Tolbin::kResultSuccess;
@@ -522,6 +551,17 @@ Tolbin::Result PrivateReelmill::CloseMedia()
     const Tolbin::Result result = unbufferedWriter->Close();
     unbufferedWriter.reset();
     return result;
+}
+
+void PrivateReelmill::Abandon() noexcept
+{
+    state = State::Finished;
+    tracks.clear();
+    unbufferedWriter.reset();
+    if (file)
+    {
+        static_cast<void>(file->Close()); // What it holds is all that there is to keep.
+    }
 }
 
 // On disk afterwards, from 'wide' on: 'wide' (8) and 'mdat' with a 32-bit size, or 'mdat' with a 64-bit size (16).
@@ -583,7 +623,8 @@ Tolbin::Result PrivateReelmill::MakeMooVAtom(Tolbin::utility::BinaryDataArray& o
             trackIndexByID.emplace(trackID, static_cast<int>(trackIndexByID.size()) + 1);
         }
         qtn_MovieHeaderAtom movieHeader;
-        MakeMovieHeader(movieHeader, movieTimeScale, GetMovieDuration(), static_cast<int>(tracks.size()), creationTime);
+        MakeMovieHeader(movieHeader, movieTimeScale, GetLongestDuration(), static_cast<int>(tracks.size()),
+                        creationTime);
 
         std::vector<AtomNode> children;
         children.push_back(AtomNode::FromRecord(movieHeader));

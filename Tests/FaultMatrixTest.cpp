@@ -79,6 +79,7 @@ struct Step
     enum Kind
     {
         Create,
+        Track,
         Sample,
         EndChunk,
         Other,
@@ -122,9 +123,11 @@ Step EndChunk(QT::TrackID inTrack)
 Step Track(QT::MediaType inType, int inTimeScale,
            const std::function<boost::shared_ptr<QT::QTSampleDescription>()>& inMake)
 {
-    return {Step::Other, 0, [=](QT::Reelmill& ioWriter) {
+    return {Step::Track, 0, [=](QT::Reelmill& ioWriter) {
                 QT::TrackID track = 0;
-                return ioWriter.NewMovieTrack(inType, inTimeScale, 64, 48, inMake(), track);
+                const Result result = ioWriter.NewMovieTrack(inType, inTimeScale, 64, 48, inMake(), track);
+                EXPECT_EQ(result < 0, track == 0) << "a track that was not added has no ID";
+                return result;
             }};
 }
 
@@ -188,7 +191,7 @@ struct Take
 enum class Ending
 {
     AfterAll,
-    AtFailure, //!< The host gives up with the first call that fails.
+    AtFailure, //!< The host gives up with the first call that fails, as it always does without one of its tracks.
     BeforeClose
 };
 
@@ -208,7 +211,7 @@ Take Play(SparseFileSystem& ioFiles, const Script& inScript, boost::shared_ptr<Q
         }
         faulty.SetStep(static_cast<int>(run.results.size()));
         run.results.push_back(step.call(*inWriter));
-        if (inEnding == Ending::AtFailure && run.results.back() < 0)
+        if ((inEnding == Ending::AtFailure || step.kind == Step::Track) && run.results.back() < 0)
         {
             break;
         }
@@ -680,13 +683,22 @@ TEST_P(FaultMatrixInFront, Memory)
             const AllocationFault fault(inNumber);
             for (const Step& step : script)
             {
-                Result result = Tolbin::kResultOutOfMemory;
-                try
+                const auto call = [&] {
+                    try
+                    {
+                        return step.call(*writer);
+                    }
+                    catch (const std::bad_alloc&)
+                    {
+                        return Tolbin::kResultOutOfMemory;
+                    }
+                };
+                Result result = call();
+                const bool isFinal = step.kind == Step::Create || step.kind == Step::Sample || step.kind == Step::Close;
+                if (result < 0 && !isFinal && inEnding != Ending::AtFailure)
                 {
-                    result = step.call(*writer);
-                }
-                catch (const std::bad_alloc&)
-                {
+                    result = call();
+                    EXPECT_EQ(result, 0) << "the call that found no memory changed nothing";
                 }
                 const AllocationFault::Pause pause;
                 run.results.push_back(result);
@@ -699,6 +711,7 @@ TEST_P(FaultMatrixInFront, Memory)
             hasStruck = AllocationFault::HasStruck();
         }
         EXPECT_EQ(files.OpenHandles(), 0u);
+        EXPECT_TRUE(run.results.front() >= 0 || !files.Exists(JournalPath())) << "it would bar the next attempt";
         const bool isClosed = run.results.size() == script.size() && run.results.back() >= 0;
         isClosed ? ExpectMovie(run.results, everything) : ExpectRecovers(run);
     };

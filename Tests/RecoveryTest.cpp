@@ -1,5 +1,4 @@
 #include "JournalWriter.h"
-#include "Support/AllocationLimit.h"
 #include "Support/FailingFileSystem.h"
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
@@ -546,55 +545,6 @@ TEST_F(Recovery, AllZerosThatEndAPendingSampleAreItsOwn)
     EXPECT_EQ(report.samplesDropped, 1u);
 }
 
-//! A track that the writer had and the journal not would take media to disk that no journal knows.
-TEST_F(Recovery, TrackThatFindsNoMemoryLeavesTheMovieAsItWas)
-{
-    if (!AllocationLimit::Works())
-    {
-        GTEST_SKIP() << "a memory checker has taken over operator new";
-    }
-    const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", "1024");
-    const auto description = MakeVideo();
-    std::string data(1 << 20, 'x');
-    bool hasStruck = true;
-    for (int number = 1; hasStruck; ++number)
-    {
-        {
-            const auto journaled = QT::CreateJournaledReelmill();
-            ASSERT_EQ(journaled->Create(path, 100), 0);
-            QT::TrackID video = 0, other = 0;
-            const auto addTrack = [&](QT::TrackID& outTrack) {
-                return journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, description, outTrack);
-            };
-            const auto add = [&](QT::TrackID inTrack, int inSize) {
-                return journaled->AddMediaSample(inTrack, data.data(), inSize, 1, 1, 0, false);
-            };
-            ASSERT_EQ(addTrack(video), 0);
-            for (int i = 0; i < 20; ++i)
-            {
-                ASSERT_EQ(add(video, 30000), 0);
-            }
-            try
-            {
-                const AllocationFault fault(number);
-                const Result result = addTrack(other);
-                hasStruck = AllocationFault::HasStruck();
-                ASSERT_EQ(result, 0);
-            }
-            catch (const std::bad_alloc&)
-            {
-                EXPECT_LT(add(other, 1 << 20), 0) << number;
-                ASSERT_EQ(addTrack(other), 0) << number;
-            }
-            ASSERT_EQ(add(other, 1 << 20), 0) << number;
-        }
-        RecoveryReport report;
-        ASSERT_EQ(Recover(report), 0) << number;
-        EXPECT_EQ(report.samplesKept, 20u) << number;
-        EXPECT_EQ(report.samplesDropped, 1u) << number;
-    }
-}
-
 //! A description that gives no bytes makes no track, and no movie that is called finished.
 TEST_F(Recovery, MovieWithoutUsableDescriptionsKeepsItsJournal)
 {
@@ -662,18 +612,49 @@ TEST_F(Recovery, ReportTellsOfTheTracksThatAreLeft)
     EXPECT_EQ(Big32(FindAtom(Movie(), "moov/mvhd"), 24), 200u);
 }
 
+//! A host's description that changes with every answer.
+class ChangingDescription final : public QT::QTSampleDescription
+{
+public:
+    void GetAsBinary(BinaryDataArray& outEntry) override
+    {
+        QT::CreateTextDescription()->GetAsBinary(outEntry);
+        outEntry.back() = static_cast<std::uint8_t>(++asked);
+    }
+
+    int asked = 0;
+};
+
 TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
 {
     const auto journaled = QT::CreateJournaledReelmill();
+    const auto changing = boost::make_shared<ChangingDescription>();
     const auto video = MakeVideo();
+    QT::TrackID track = 0, idle = 0;
+    const auto add = [&](QT::MediaType inType, const auto& inDescription, QT::TrackID& outTrack) {
+        return journaled->NewMovieTrack(inType, 25, 64, 48, inDescription, outTrack);
+    };
+    EXPECT_EQ(add(QT::kQTMediaTypeText, changing, idle), QT::kQTErrBadState);
     ASSERT_EQ(journaled->Create(path, 100), 0);
-    QT::TrackID track = 0;
-    ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, video, track), 0);
+    {
+        const ReportCapture reports;
+        EXPECT_EQ(add(static_cast<QT::MediaType>(1), changing, idle), QT::kQTErrUnknownMediaType);
+    }
+    EXPECT_EQ(changing->asked, 0) << "what is refused asks for nothing";
+    ASSERT_EQ(add(QT::kQTMediaTypeVideo, video, track), 0);
+    ASSERT_EQ(add(QT::kQTMediaTypeText, changing, idle), 0);
+    EXPECT_EQ(changing->asked, 1);
     video->SetVendorFourCC(QT::FourCC("abcd"));
     for (int i = 0; i < 10; ++i)
     {
         std::string data(1000, 'x');
         ASSERT_EQ(journaled->AddMediaSample(track, data.data(), 1000, 1, 1, 0, false), 0);
+    }
+    EXPECT_EQ(changing->asked, 1) << "a track without samples is in no block";
+    ASSERT_EQ(journaled->AddTextMediaSample(idle, u"Text", 10), 0);
+    for (std::string data(5000, 'x'); changing->asked < 3;)
+    {
+        ASSERT_EQ(journaled->AddMediaSample(track, data.data(), 5000, 1, 1, 0, false), 0);
     }
     RecoveryReport report;
     ASSERT_EQ(Recover(report), 0);
@@ -682,6 +663,7 @@ TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
     const BinaryDataArray atom = FindAtom(Movie(), "moov/trak/mdia/minf/stbl/stsd");
     EXPECT_SAME_BYTES(BinaryDataArray(atom.begin() + 16, atom.end()), entry);
     EXPECT_EQ(FindAtom(Movie(), "moov/trak/tapt").size(), 68u);
+    EXPECT_EQ(FindAtom(Movie(), "moov/trak[1]/mdia/minf/stbl/stsd").back(), 3);
 }
 
 //! Fails every other full frame of a journal, and counts them. Blocks of media have other sizes.

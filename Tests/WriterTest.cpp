@@ -3,6 +3,7 @@
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
 
+#include <Reelmill/Recovery.h>
 #include <Tolbin/FileSupport.h>
 
 #include <sys/mman.h>
@@ -17,6 +18,7 @@
 #include <optional>
 #include <ostream>
 #include <stdexcept>
+#include <tuple>
 
 using QT::kQTErrBadArgument;
 using QT::kQTErrBadState;
@@ -98,33 +100,49 @@ const Operation kOperations[] = {
     {"Close", [](QT::Reelmill& inWriter, QT::TrackID) { return inWriter.Close(); }},
 };
 
-class WriterState : public MovieTest, public testing::WithParamInterface<Operation>
+//! Both writers.
+using MakeWriter = std::function<boost::shared_ptr<QT::Reelmill>()>;
+const MakeWriter kWriters[] = {[] { return QT::CreateReelmill(); }, [] { return QT::CreateJournaledReelmill(); }};
+
+class WriterState : public MovieTest, public testing::WithParamInterface<std::tuple<Operation, MakeWriter>>
 {
 };
 
 TEST_P(WriterState, IsCheckedFirst)
 {
+    const auto& [operation, makeWriter] = GetParam();
+    writer = makeWriter();
     ReportCapture reports;
-    EXPECT_EQ(GetParam().call(*writer, 999), kQTErrBadState) << "before Create";
+    EXPECT_EQ(operation.call(*writer, 999), kQTErrBadState) << "before Create";
     EXPECT_EQ(writer->GetMovieDuration(), 0);
 
-    const auto failed = QT::CreateReelmill();
+    const auto failed = makeWriter();
     EXPECT_LT(failed->Create(directory.Path16("no/such/folder"), 600), 0);
-    EXPECT_EQ(GetParam().call(*failed, 999), kQTErrBadState) << "after a failed Create";
+    EXPECT_EQ(operation.call(*failed, 999), kQTErrBadState) << "after a failed Create";
     EXPECT_EQ(failed->Create(path, 600), kQTErrBadState) << "and Create is not tried again";
     EXPECT_EQ(failed->GetMovieDuration(), 0);
 
     ASSERT_EQ(Create(), 0);
-    const QT::TrackID track = NewTrack();
+    int asked = 0;
+    QT::TrackID track = 0;
+    const auto description = Describe([&, &call = operation.call](BinaryDataArray& outEntry) {
+        EXPECT_EQ(call(*writer, track), kQTErrBadState) << "amid a call";
+        EXPECT_EQ(writer->GetMovieDuration(), 0);
+        QT::CreateTextDescription()->GetAsBinary(outEntry);
+        ++asked;
+    });
+    track = NewTrack(QT::kQTMediaTypeVideo, 600, description);
     ASSERT_EQ(Add(track, "media", 1, 600), 0);
-    if (GetParam().takesTrack)
+    EXPECT_EQ(writer->GetMovieDuration(), 600) << "the call goes on";
+    if (operation.takesTrack)
     {
-        EXPECT_EQ(GetParam().call(*writer, 999), kQTErrUnknownTrackID);
+        EXPECT_EQ(operation.call(*writer, 999), kQTErrUnknownTrackID);
         EXPECT_EQ(reports.Take(), UnknownTrack("999"));
     }
     ASSERT_EQ(writer->Close(), 0);
+    EXPECT_GT(asked, 0);
     const BinaryDataArray movie = Movie();
-    EXPECT_EQ(GetParam().call(*writer, track), kQTErrBadState) << "after Close";
+    EXPECT_EQ(operation.call(*writer, track), kQTErrBadState) << "after Close";
     EXPECT_EQ(writer->Create(path, 600), kQTErrBadState);
     EXPECT_EQ(writer->GetMovieDuration(), 0);
     EXPECT_EQ(reports.Take(), ReportTexts{});
@@ -132,8 +150,8 @@ TEST_P(WriterState, IsCheckedFirst)
     EXPECT_SAME_BYTES(Movie(), movie);
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryOperation, WriterState, testing::ValuesIn(kOperations),
-                         [](const auto& inRow) { return inRow.param.name; });
+INSTANTIATE_TEST_SUITE_P(EveryOperation, WriterState,
+                         testing::Combine(testing::ValuesIn(kOperations), testing::ValuesIn(kWriters)));
 
 using WriterTest = MovieTest;
 
@@ -196,17 +214,21 @@ TEST_F(WriterTest, RefusalsChangeNothing)
 
 TEST_F(WriterTest, UserDataBeyondTwoGiBytesIsRefusedUnread)
 {
-    ASSERT_EQ(Create(), 0);
-    const QT::TrackID track = NewTrack();
     constexpr std::size_t kSize = 0x7FFFFFFF;
     void* unreadable = mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(unreadable, MAP_FAILED);
-    EXPECT_EQ(writer->AddUserData(Code("name"), unreadable, kSize), kQTErrTooLarge);
-    EXPECT_EQ(writer->AddTrackUserData(track, Code("name"), unreadable, kSize), kQTErrTooLarge);
+    for (const MakeWriter& makeWriter : kWriters)
+    {
+        writer = makeWriter();
+        ASSERT_EQ(Create(), 0);
+        const QT::TrackID track = NewTrack();
+        EXPECT_EQ(writer->AddUserData(Code("name"), unreadable, kSize), kQTErrTooLarge);
+        EXPECT_EQ(writer->AddTrackUserData(track, Code("name"), unreadable, kSize), kQTErrTooLarge);
+        ASSERT_EQ(Add(track, "media"), 0);
+        ASSERT_EQ(writer->Close(), 0);
+        EXPECT_EQ(AtomTree(MovieAtom("moov")).find("udta"), std::string::npos);
+    }
     EXPECT_EQ(munmap(unreadable, kSize), 0);
-    ASSERT_EQ(Add(track, "media"), 0);
-    ASSERT_EQ(writer->Close(), 0);
-    EXPECT_EQ(AtomTree(MovieAtom("moov")).find("udta"), std::string::npos);
 }
 
 // ---- Tracks and samples ---------------------------------------------------------------------------------------------
@@ -294,6 +316,31 @@ TEST_F(WriterTest, MovieIsAsLongAsItsLongestTrack)
                  "#48 'edts' #40 'elst' #0 #2 #300 FF FF FF FF 00 01 00 00 #1200 #0 00 01 00 00");
     EXPECT_EQ(Big32(MovieAtom("moov/trak[1]/mdia/mdhd"), 20), 48000u);
     EXPECT_EQ(Big32(MovieAtom("moov/trak[1]/mdia/mdhd"), 24), 96080u);
+}
+
+// The samples are in the movie all the same: only the host's handler ends the call.
+TEST_F(WriterTest, ReportHandlerThatThrowsLosesNoSample)
+{
+    for (const MakeWriter& makeWriter : kWriters)
+    {
+        writer = makeWriter();
+        ASSERT_EQ(Create(), 0);
+        const QT::TrackID track = NewTrack();
+        const auto previous = Tolbin::debug::SetReportHandler([](const Tolbin::debug::Report&, bool&) -> bool {
+            throw 7; // NOLINT: as a host may.
+        });
+        for (const char* data : {"first", "second"})
+        {
+            EXPECT_THROW(Add(track, data, 1, -1), int);
+        }
+        Tolbin::debug::SetReportHandler(previous);
+        EXPECT_EQ(Add(track, "third", 1, 602), 0);
+        ASSERT_EQ(writer->Close(), 0);
+        EXPECT_BYTES(MovieAtom("moov/trak/mdia/minf/stbl/stsz"), "#32 'stsz' #0 #0 #3 #5 #6 #5");
+        EXPECT_BYTES(MovieAtom("moov/trak/mdia/minf/stbl/stco"), "#28 'stco' #0 #3 #1048576 #1048581 #1048587");
+        EXPECT_EQ(Big32(MovieAtom("moov/trak/mdia/mdhd"), 24), 600u);
+        EXPECT_EQ(Big32(Movie(), kMediaOffset - 8), 24u);
+    }
 }
 
 TEST_F(WriterTest, DurationBeyond31BitsIsReportedAndKeptTruncated)

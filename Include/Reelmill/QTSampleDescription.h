@@ -24,7 +24,8 @@ public:
 
     //! Replaces the content of `outEntry` with the complete entry in file byte order: its 32-bit size, its data format,
     //! its fields, its extension atoms. The same state always gives the same bytes. An entry of no bytes makes the
-    //! writer's `Close` fail.
+    //! writer's `Close` fail (`kResultFailed`), and so does an exception (`kResultOutOfMemory`, whatever it is). What it
+    //! calls of a movie that asks is refused.
     virtual void GetAsBinary(Tolbin::utility::BinaryDataArray& outEntry) = 0;
 };
 

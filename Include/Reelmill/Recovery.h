@@ -21,6 +21,9 @@ namespace QT
 //! written. What a crash can cost is the block in memory and the ends of chunks behind the last sample on disk; when
 //! the machine dies also what was said of the movie since then (user data, references, trim-ins).
 //!
+//! A sample description is asked for its bytes by `NewMovieTrack`, and once its track has samples before each block of
+//! media and by `Close`: a recovered movie has it as it was when the last block went to disk.
+//!
 //! The calls give the results of `Reelmill`, and besides:
 //! - `Create`: EEXIST (as an error of the system) when the journal exists: an unfinished movie's, to be recovered or
 //!   removed first; nothing is touched then. An error of the system or `kResultShortWrite` when the journal cannot be
@@ -28,6 +31,7 @@ namespace QT
 //! - `AddMediaSample`, `AddTextMediaSample`: an error of the system when the journal cannot be written; the samples are
 //!   not part of the movie then, and adding them again is a new attempt. After a failed write of media, its result
 //!   again.
+//! - `NewMovieTrack`: an error of the system when the journal cannot be written; the movie has no such track then.
 //! - the other calls: an error of the system when the journal cannot be written; the movie has taken the call all the
 //!   same, and its record goes with the next.
 //! - `Close`: brings the movie to the device and removes the journal, in that order. On any failure, also one that a

@@ -20,10 +20,13 @@ namespace QT
 //! `Close`: a movie that is not closed is not playable. One thread at a time; different writers are independent.
 //!
 //! Results common to all operations, checked in this order before anything is changed:
-//! - `kQTErrBadState`: not between a successful `Create` and `Close` (`Create` itself: not the first);
+//! - `kQTErrBadState`: not between a successful `Create` and `Close` (`Create` itself: not the first), or made by a
+//!   sample description while the writer asks for its bytes;
 //! - `kQTErrUnknownTrackID`: a track ID that this writer did not give out (also reported as an assertion).
 //!
-//! Where memory for the bookkeeping of a call cannot be had, `std::bad_alloc` leaves the call.
+//! Where memory for the bookkeeping of a call cannot be had, `std::bad_alloc` leaves the call, which has changed nothing
+//! and may be made again; after one that leaves `Create` the writer is only destroyed. What a report handler of the
+//! host's throws leaves the call as well; samples that the call reports on are in the movie all the same.
 class TOLBIN_EXPORT Reelmill
 {
 public:
@@ -56,7 +59,8 @@ public:
     //! times what it has; it takes no memory until it is used, unless the host has locked all memory to come.
     //!
     //! \param inData            `inDataSize` bytes, written unchanged; copied before the call returns
-    //! \param inSampleCount     how many samples of equal size and duration the bytes hold
+    //! \param inSampleCount     how many samples of equal size and duration the bytes hold; with 0 the call has no part
+    //!                          in 'stsz', but makes a chunk as any other
     //! \param inSampleDuration  duration of each of them in the track's media units
     //! \param inAuxValue, inAuxFlag  stored with the record; no atom uses them
     //! \return 0 or above; `kQTErrBadArgument` for a negative size or count, or a null pointer with a size above 0;
@@ -102,7 +106,8 @@ public:
     //! the media when it fits the space kept there and behind it otherwise; closes the file whatever the result.
     //!
     //! \return 0 or above; `kResultFailed` when a track's description gives no bytes; `kQTErrTooLarge` when a table or
-    //!         the 'moov' atom would reach 2 GiB; `kResultOutOfMemory`; `kResultShortWrite` or an error of the system.
+    //!         the 'moov' atom would reach 2 GiB; `kResultOutOfMemory`, also for anything else that a description or a
+    //!         report handler throws; `kResultShortWrite` or an error of the system.
     //!         After a failure the file has no usable 'moov' atom; its media is still there. A failure to write the
     //!         last media block is not part of the result: 'mdat' then reaches beyond the end of the file, or over the
     //!         'moov' atom behind it.
