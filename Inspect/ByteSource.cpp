@@ -43,8 +43,9 @@ std::size_t FileSource::Read(std::uint64_t inOffset, std::span<std::uint8_t> out
     std::size_t done = 0;
     while (done < outBytes.size() && inOffset + done < mSize)
     {
-        const ssize_t count =
-            ::pread(mDescriptor, outBytes.data() + done, outBytes.size() - done, static_cast<off_t>(inOffset + done));
+        constexpr std::size_t kMaxTransfer = std::size_t{1} << 30; // macOS refuses more than INT_MAX.
+        const std::size_t length = std::min(outBytes.size() - done, kMaxTransfer);
+        const ssize_t count = ::pread(mDescriptor, outBytes.data() + done, length, static_cast<off_t>(inOffset + done));
         if (count < 0 && errno == EINTR)
         {
             continue;

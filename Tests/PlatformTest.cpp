@@ -13,12 +13,14 @@
 #include <Ventra/File.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <numeric>
 #include <optional>
@@ -397,6 +399,53 @@ TEST_F(FileFaults, InterruptedCallsAreRetried)
     }
     EXPECT_EQ(closing.Calls(), 1) << "a handle that was interrupted while closing is gone";
     EXPECT_EQ(files.OpenHandles(), 0u);
+}
+
+//! Moves nothing, and refuses what macOS refuses: more than INT_MAX bytes in a call.
+class IntMaxFileSystem final : public ForwardingFileSystem
+{
+public:
+    explicit IntMaxFileSystem(const void* inBegin) : mBegin(static_cast<const char*>(inBegin)) {}
+
+    Result Read(Handle, std::int64_t inOffset, void* outData, std::size_t inLength, std::size_t& outRead) override
+    {
+        return Move(inOffset, outData, inLength, outRead);
+    }
+
+    Result Write(Handle, std::int64_t inOffset, const void* inData, std::size_t inLength,
+                 std::size_t& outWritten) override
+    {
+        return Move(inOffset, inData, inLength, outWritten);
+    }
+
+private:
+    Result Move(std::int64_t inOffset, const void* inData, std::size_t inLength, std::size_t& outMoved)
+    {
+        EXPECT_EQ(static_cast<const char*>(inData), mBegin + inOffset);
+        EXPECT_EQ(inOffset % 4096, 0) << "an unbuffered handle wants it so";
+        outMoved = inLength <= INT_MAX ? inLength : 0;
+        return inLength <= INT_MAX ? 0 : SystemError(EINVAL);
+    }
+
+    const char* mBegin;
+};
+
+TEST_F(FileFaults, LongTransfersAreDivided)
+{
+    constexpr unsigned int kLength = 0xA0000001; // 2.5 GiB and a byte; nobody touches them.
+    void* const data = mmap(nullptr, kLength, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(data, MAP_FAILED);
+    IntMaxFileSystem files(data);
+    FileSystemScope scope(files);
+    File file;
+    unsigned int count = 0;
+    ASSERT_EQ(Open(file, path, kCreateAlways), 0);
+    EXPECT_EQ(file.Write(data, kLength, count), 0);
+    EXPECT_EQ(count, kLength);
+    EXPECT_EQ(file.SetFilePointer(0, kBegin), 0);
+    EXPECT_EQ(file.Read(data, kLength, count), 0);
+    EXPECT_EQ(count, kLength);
+    munmap(data, kLength);
 }
 
 TEST_F(FileFaults, DestructionClosesWhatIsOpen)

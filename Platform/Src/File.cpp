@@ -2,10 +2,20 @@
 
 #include <Ventra/File.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace Ventra
 {
+
+namespace
+{
+
+//! What one call moves at most, in bytes: macOS refuses more than INT_MAX, Linux takes a page less than 2 GiB. What
+//! follows lies as well aligned for an unbuffered handle as what comes first.
+constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;
+
+} // namespace
 
 File::~File()
 {
@@ -49,8 +59,9 @@ Tolbin::Result File::Read(void* outData, unsigned int inLength, unsigned int& ou
     while (outRead < inLength)
     {
         std::size_t count = 0;
+        const std::size_t length = std::min<std::size_t>(inLength - outRead, kMaxTransfer);
         const Tolbin::Result result =
-            mFileSystem->Read(mHandle, mPosition, static_cast<char*>(outData) + outRead, inLength - outRead, count);
+            mFileSystem->Read(mHandle, mPosition, static_cast<char*>(outData) + outRead, length, count);
         outRead += static_cast<unsigned int>(count); // At most what was asked.
         mPosition += static_cast<std::int64_t>(count);
         const bool interrupted = Tolbin::SystemErrorFromResult(result) == EINTR;
@@ -80,8 +91,9 @@ Tolbin::Result File::Write(const void* inData, unsigned int inLength, unsigned i
     for (;;)
     {
         std::size_t written = 0;
-        const Tolbin::Result result = mFileSystem->Write(
-            mHandle, mPosition, static_cast<const char*>(inData) + outWritten, inLength - outWritten, written);
+        const std::size_t length = std::min<std::size_t>(inLength - outWritten, kMaxTransfer);
+        const Tolbin::Result result =
+            mFileSystem->Write(mHandle, mPosition, static_cast<const char*>(inData) + outWritten, length, written);
         outWritten += static_cast<unsigned int>(written); // At most what was asked.
         mPosition += static_cast<std::int64_t>(written);
         const bool interrupted = Tolbin::SystemErrorFromResult(result) == EINTR;

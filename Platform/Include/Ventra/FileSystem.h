@@ -92,13 +92,13 @@ public:
     //! Opens or creates the file at `inPath`. Sets `outHandle` on success only.
     virtual Tolbin::Result Open(const Tolbin::UTF16String& inPath, const FileOpenMode& inMode, Handle& outHandle) = 0;
 
-    //! Reads at an absolute offset. May read less than asked and succeed; 0 bytes only at the end of the file.
-    //! `outRead` is set in every case.
+    //! Reads at an absolute offset, at most 1 GiB. May read less than asked and succeed; 0 bytes only at the end of the
+    //! file. `outRead` is set in every case.
     virtual Tolbin::Result Read(Handle inHandle, std::int64_t inOffset, void* outData, std::size_t inLength,
                                 std::size_t& outRead) = 0;
 
-    //! Writes at an absolute offset. May write less than asked and succeed, and may be interrupted (EINTR).
-    //! `outWritten` is set in every case.
+    //! Writes at an absolute offset, at most 1 GiB. May write less than asked and succeed, and may be interrupted
+    //! (EINTR). `outWritten` is set in every case.
     virtual Tolbin::Result Write(Handle inHandle, std::int64_t inOffset, const void* inData, std::size_t inLength,
                                  std::size_t& outWritten) = 0;
 
