@@ -3,8 +3,12 @@
 #include "Support/SettingScope.h"
 #include "Support/SparseFileSystem.h"
 
+#include <Reelmill/Recovery.h>
+
 #include <cerrno>
+#include <csignal>
 #include <ctime>
+#include <sys/resource.h>
 
 using Tolbin::Result;
 using Tolbin::utility::BinaryDataArray;
@@ -29,6 +33,48 @@ TEST_F(WriterFaults, FileThatCannotTellItsCreationTimeWasCreatedNow)
     const std::int64_t created = Big32(FindAtom(movie, "moov/mvhd"), 12) - std::int64_t{2082844800};
     EXPECT_GE(created, before);
     EXPECT_LE(created, std::time(nullptr));
+}
+
+//! For a scope, no file of this process gets longer, and the signal that tells so is ignored.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t inSize) : mPreviousHandler(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &mPrevious), 0);
+        const rlimit limit = {inSize, mPrevious.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &mPrevious);
+        std::signal(SIGXFSZ, mPreviousHandler);
+    }
+
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    void (*mPreviousHandler)(int);
+    rlimit mPrevious = {};
+};
+
+TEST_F(WriterFaults, SizeLimitIsAnErrorAndWhatFitsIsKept)
+{
+    const SettingScope setting{"Reelmill.NFSWriteSizeInKBytes", "4"};
+    VolumeFileSystem volume{Ventra::FileSystem::System(), Ventra::FileSystemType::kNFS, 4096};
+    On scope(*this, volume);
+    const FileSizeLimit limit(kMediaOffset + 6001);
+    writer = QT::CreateJournaledReelmill();
+    ASSERT_EQ(Create(), 0);
+    const QT::TrackID track = NewTrack();
+    EXPECT_EQ(Add(track, std::string(6000, 'a')), 0);
+    EXPECT_EQ(Add(track, std::string(6000, 'b')), Tolbin::ResultFromSystemError(EFBIG));
+    EXPECT_EQ(writer->Close(), Tolbin::ResultFromSystemError(EFBIG));
+    QT::RecoveryReport report;
+    EXPECT_EQ(QT::RecoverMovie(path, report), 0);
+    EXPECT_EQ(report.samplesKept, 1u);
 }
 
 TEST_F(WriterFaults, SamplesOfAFailedWriteAreNotInTheMovie)

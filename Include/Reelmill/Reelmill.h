@@ -27,6 +27,10 @@ namespace QT
 //! Where memory for the bookkeeping of a call cannot be had, `std::bad_alloc` leaves the call, which has changed nothing
 //! and may be made again; after one that leaves `Create` the writer is only destroyed. What a report handler of the
 //! host's throws leaves the call as well; samples that the call reports on are in the movie all the same.
+//!
+//! Errors of the system are results, `Tolbin::ResultFromSystemError(errno)`, once the host has seen to one thing: under
+//! a limit on the size of files (RLIMIT_FSIZE, `ulimit -f`) the system ends a process that writes beyond it, with the
+//! signal SIGXFSZ. A host that ignores the signal (`std::signal(SIGXFSZ, SIG_IGN)`) gets EFBIG instead.
 class TOLBIN_EXPORT Reelmill
 {
 public:
