@@ -1,5 +1,8 @@
+#include "OperatingSystem.h"
+
 #include <Tolbin/Allocator.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -14,17 +17,26 @@ namespace
 constexpr std::size_t kLargePage = std::size_t{2} << 20; // Where pages are larger still, they are not asked for.
 static_assert(MemoryRecycler::kMappedSize % kLargePage == 0);
 
+//! From here on what is asked for is compared with what there is. Less is not worth the question.
+constexpr std::size_t kMuch = std::size_t{256} << 20;
+
 constexpr std::size_t RoundUp(std::size_t inSize)
 {
     return (inSize + kLargePage - 1) / kLargePage * kLargePage;
 }
 
-//! Address space of whole large pages. Nothing is set aside for it: a size that no memory could hold is fine.
+//! Whether so much could ever be had at once. The system may promise it all the same, and end the process that uses it.
+bool IsPossible(std::size_t inSize)
+{
+    constexpr std::uint64_t kMost = std::numeric_limits<std::ptrdiff_t>::max(); // Rounding up ends above it.
+    return inSize < kMuch || inSize <= std::min(kMost, Ventra::OperatingSystem::GetMemorySize());
+}
+
+//! Address space of whole large pages, which takes memory as it is touched.
 void* Map(std::size_t inSize)
 {
     const std::size_t size = RoundUp(inSize);
-    void* const mapped =
-        ::mmap(nullptr, size + kLargePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* const mapped = ::mmap(nullptr, size + kLargePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mapped == MAP_FAILED)
     {
         throw std::bad_alloc();
@@ -48,9 +60,9 @@ void* Map(std::size_t inSize)
 
 void* MemoryRecycler::Allocate(std::size_t inSize)
 {
-    if (inSize > std::numeric_limits<std::ptrdiff_t>::max())
+    if (!IsPossible(inSize))
     {
-        throw std::bad_alloc(); // Rounding up might not end above it.
+        throw std::bad_alloc();
     }
     return inSize < kMappedSize ? ::operator new(inSize) : Map(inSize);
 }

@@ -15,7 +15,9 @@
 #include <fstream>
 #include <linux/magic.h>
 #include <string>
+#include <string_view>
 #include <sys/statfs.h>
+#include <sys/sysinfo.h>
 #endif
 
 namespace Ventra::OperatingSystem
@@ -89,6 +91,13 @@ bool IsDebuggerAttached()
     };
     size_t size = sizeof(info);
     return ::sysctl(query, 4, &info, &size, nullptr, 0) == 0 && (info.kp_proc.p_flag & P_TRACED) != 0;
+}
+
+std::uint64_t GetMemorySize()
+{
+    std::uint64_t bytes = 0;
+    size_t size = sizeof(bytes);
+    return ::sysctlbyname("hw.memsize", &bytes, &size, nullptr, 0) == 0 ? bytes : UINT64_MAX;
 }
 
 #else
@@ -184,6 +193,34 @@ bool IsDebuggerAttached()
         }
     }
     return false;
+}
+
+std::uint64_t GetMemorySize()
+{
+    struct sysinfo info
+    {
+    };
+    std::uint64_t least =
+        ::sysinfo(&info) == 0 ? (std::uint64_t{info.totalram} + info.totalswap) * info.mem_unit : UINT64_MAX;
+    constexpr std::string_view kVersion2 = "0::";
+    std::ifstream groups("/proc/self/cgroup");
+    for (std::string line; std::getline(groups, line);)
+    {
+        if (!line.starts_with(kVersion2))
+        {
+            continue;
+        }
+        // A group has no more than those above it.
+        for (std::string group = line.substr(kVersion2.size()); !group.empty(); group.erase(group.rfind('/')))
+        {
+            std::uint64_t limit = 0;
+            if (std::ifstream("/sys/fs/cgroup" + group + "/memory.max") >> limit) // "max" is no number.
+            {
+                least = std::min(least, limit);
+            }
+        }
+    }
+    return least;
 }
 
 #endif

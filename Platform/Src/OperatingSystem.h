@@ -4,6 +4,7 @@
 
 #include <Ventra/FileSystem.h>
 
+#include <cstdint>
 #include <ctime>
 #include <sys/types.h>
 
@@ -28,5 +29,9 @@ unsigned int GetUnbufferedAlignment(const char* inPath);
 bool GetCreationTime(const char* inPath, timespec& outTime);
 
 bool IsDebuggerAttached();
+
+//! What this process can have of memory at most, whoever else has it now: the machine's, with swap where the system
+//! tells, or less where its control group (version 2) has less. In bytes; what cannot be told is no bound.
+std::uint64_t GetMemorySize();
 
 } // namespace Ventra::OperatingSystem

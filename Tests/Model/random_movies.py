@@ -1032,7 +1032,7 @@ def description_scripts():
     yield script.done(messages=[""], bytes={32: be(1048528) + text_hex("skip")}, length=MEDIA_START + 5)
 
 
-    for padding in (2**64 - 1, 2**63):
+    for padding in (2**64 - 1, 2**63, 2**46):  # The last fits the address space, if no memory.
         script = started(f"padding of {padding} bytes")
         script.sample(script.track(script.image()), size=5)
         script.call("SetExtraPaddingAmount", description=0, value=padding)

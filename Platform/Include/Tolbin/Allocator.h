@@ -19,7 +19,8 @@ public:
     //! In bytes. From here on a container may ask for more room than it will ever use.
     static constexpr std::size_t kMappedSize = std::size_t{2} << 20;
 
-    //! At least `inSize` bytes, aligned for any fundamental type. Throws `std::bad_alloc`.
+    //! At least `inSize` bytes, aligned for any fundamental type. Throws `std::bad_alloc`, also where the system would
+    //! promise the memory though neither the machine nor the process's control group has as much.
     TOLBIN_EXPORT static void* Allocate(std::size_t inSize);
 
     //! Takes back what `Allocate` gave for the same size. Null is allowed.
