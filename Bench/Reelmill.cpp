@@ -39,7 +39,7 @@ public:
 
     void Create(const Bench::Load& inLoad, const std::string& inPath) override
     {
-        Check(mMovie->Create(Tolbin::string::UTF8to16(inPath), 600));
+        Check(mMovie->Create(Tolbin::string::PathToUTF16(inPath), 600));
         for (const Bench::Track& track : inLoad.Tracks())
         {
             const bool isVideo = track.kind == Bench::TrackKind::Video;

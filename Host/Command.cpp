@@ -55,14 +55,14 @@ Progress::Style ProgressStyle(const std::ostream& inStream, bool inIsQuiet, cons
 
 void PrintError(std::ostream& err, const std::string& inSentence)
 {
-    err << "reelmill: " << inSentence << std::endl;
+    err << "reelmill: " << FormatNames(inSentence) << std::endl;
 }
 
 void PrintNotes(const WrapSummary& inSummary, std::ostream& err)
 {
     for (const std::string& note : inSummary.notes)
     {
-        err << fmt::format("reelmill: note: {}\n", note);
+        err << fmt::format("reelmill: note: {}\n", FormatNames(note));
     }
 }
 
@@ -222,8 +222,8 @@ void RunDemo(const DemoArguments& inArguments, const Streams& inStreams)
     const DemoSummary summary = WriteDemoMovie(options);
     if (!inArguments.quiet)
     {
-        inStreams.out << fmt::format("{}: {}, {}, {} tracks\n", summary.path.string(), FormatSeconds(summary.seconds),
-                                     FormatBytes(summary.bytes), summary.tracks);
+        inStreams.out << fmt::format("{}: {}, {}, {} tracks\n", FormatNames(summary.path.string()),
+                                     FormatSeconds(summary.seconds), FormatBytes(summary.bytes), summary.tracks);
     }
 }
 
@@ -333,7 +333,7 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
         const auto isForPrograms = [](const CLI::App* inCommand) { return inCommand->count("--json") > 0; };
         if (std::any_of(reporting.begin(), reporting.end(), isForPrograms))
         {
-            PrintFailureJson(inExitCode, inSentence, out);
+            PrintFailureJson(inExitCode, FormatNames(inSentence), out);
         }
         return static_cast<int>(inExitCode);
     };

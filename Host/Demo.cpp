@@ -123,7 +123,7 @@ public:
     DemoMovie(const std::filesystem::path& inPath, const std::filesystem::path& inPart)
         : mPath(inPath), mWriter(QT::CreateReelmill())
     {
-        Check(mWriter->Create(Tolbin::string::UTF8to16(inPart.string()), kVideoTimeScale));
+        Check(mWriter->Create(Tolbin::string::PathToUTF16(inPart.string()), kVideoTimeScale));
     }
 
     DemoSummary Write()

@@ -577,7 +577,7 @@ std::optional<std::string> NoteOnBlockSize(const Choice<BlockSize>& inChoice, co
 {
     Ventra::File file;
     const Tolbin::Result result =
-        file.Create(Tolbin::string::UTF8to16(inFile.string()), Ventra::FileAccessFlags::kRead,
+        file.Create(Tolbin::string::PathToUTF16(inFile.string()), Ventra::FileAccessFlags::kRead,
                     Ventra::FileShareModeFlags::kReadWrite, Ventra::FileCreateDispositionFlags::kOpenExisting,
                     Ventra::FileAttributesFlags::kNormal, false);
     if (!inChoice || result < 0 || file.GetFileSystemType() == inChoice->value.volume)

@@ -43,7 +43,7 @@ std::size_t DryRunFileSystem::Content::Read(std::uint64_t inOffset, std::span<st
 
 DryRunFileSystem::DryRunFileSystem(const std::filesystem::path& inFolder)
 {
-    const Tolbin::UTF16String folder = Tolbin::string::UTF8to16(inFolder.string());
+    const Tolbin::UTF16String folder = Tolbin::string::PathToUTF16(inFolder.string());
     Ventra::File file;
     static_cast<void>(file.Create(folder, Ventra::FileAccessFlags::kRead, Ventra::FileShareModeFlags::kReadWrite,
                                   Ventra::FileCreateDispositionFlags::kOpenExisting,

@@ -162,7 +162,7 @@ void PrintTrack(const Json& inTrack, std::ostream& out)
 
 void PrintSummary(const std::string& inPath, const Json& inMovie, std::ostream& out)
 {
-    fmt::print(out, "{}: {}, {}\n", inPath, FormatSeconds(inMovie["seconds"].get<double>()),
+    fmt::print(out, "{}: {}, {}\n", FormatNames(inPath), FormatSeconds(inMovie["seconds"].get<double>()),
                FormatBytes(inMovie["size"].get<std::uint64_t>()));
     fmt::print(out, "  created {}, {} units a second\n", inMovie["created"].get<std::string>(),
                inMovie["timeScale"].get<std::uint32_t>());

@@ -510,7 +510,7 @@ void WriteMap(const MapOptions& inOptions)
                                                          inOptions.output.string()));
     }
     OutputFile output(inOptions.output, inOptions.overwrite, {inOptions.input.string()});
-    const std::string title = inOptions.input.filename().string();
+    const std::string title = FormatNames(inOptions.input.filename().string());
     std::string document;
     try
     {

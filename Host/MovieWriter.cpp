@@ -35,7 +35,7 @@ MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesys
     {
         mJournal = inPath;
         mJournal += ".journal";
-        mWriter = QT::CreateJournaledReelmill(Tolbin::string::UTF8to16(mJournal.string()));
+        mWriter = QT::CreateJournaledReelmill(Tolbin::string::PathToUTF16(mJournal.string()));
     }
     else
     {
@@ -54,7 +54,7 @@ MovieWriter::MovieWriter(const std::filesystem::path& inPath, const std::filesys
     });
     try
     {
-        Check(mWriter->Create(Tolbin::string::UTF8to16(inPath.string()), inTimeScale));
+        Check(mWriter->Create(Tolbin::string::PathToUTF16(inPath.string()), inTimeScale));
     }
     catch (...)
     {
@@ -148,9 +148,9 @@ std::optional<double> MovieWriter::Recover()
     mWriter.reset();
     QT::RecoveryReport report;
     QT::RecoveryOptions options;
-    options.journalPath = Tolbin::string::UTF8to16(mJournal.string());
+    options.journalPath = Tolbin::string::PathToUTF16(mJournal.string());
     options.dropsForSpace = true;
-    const Tolbin::Result result = QT::RecoverMovie(Tolbin::string::UTF8to16(mPath.string()), report, options);
+    const Tolbin::Result result = QT::RecoverMovie(Tolbin::string::PathToUTF16(mPath.string()), report, options);
     if (result == QT::kQTErrNothingWhole)
     {
         return std::nullopt;

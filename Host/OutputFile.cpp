@@ -3,8 +3,6 @@
 #include "CommandError.h"
 #include "Progress.h"
 
-#include <Tolbin/String.h>
-
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -35,20 +33,11 @@ constexpr int kMaximumPartNumber = 1000;
                                                         std::generic_category().message(inError), inRemedy));
 }
 
-bool IsValidUTF8(const std::string& inText)
-{
-    return Tolbin::string::UTF16to8(Tolbin::string::UTF8to16(inText)) == inText;
-}
-
 } // namespace
 
 OutputFile::OutputFile(const fs::path& inPath, bool inOverwrite, const std::vector<std::string>& inInputs)
     : mPath(inPath), mTarget(inPath), mOverwrite(inOverwrite)
 {
-    if (!IsValidUTF8(inPath.string()))
-    {
-        Refuse(inPath, "is not valid UTF-8; give the output another name");
-    }
     std::error_code error;
     const fs::file_status linkStatus = fs::symlink_status(inPath, error);
     const fs::file_status status = fs::status(inPath, error);

@@ -15,8 +15,7 @@ class OutputFile
 {
 public:
     //! Refuses (CommandError) an output that exists unless `inOverwrite`, that is no regular file or not writable, that
-    //! is one of `inInputs` (by device and inode), whose folder is missing, or whose path is not valid UTF-8. Touches
-    //! nothing.
+    //! is one of `inInputs` (by device and inode), or whose folder is missing. Touches nothing.
     OutputFile(const std::filesystem::path& inPath, bool inOverwrite, const std::vector<std::string>& inInputs);
 
     //! Removes the part file unless it was committed.

@@ -1,5 +1,7 @@
 #include "Progress.h"
 
+#include <Tolbin/String.h>
+
 #include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
@@ -116,6 +118,26 @@ std::string FormatSeconds(double inSeconds)
     const long long milliseconds = std::llround(inSeconds * 1000);
     return fmt::format("{}:{:02}:{:02}.{:03}", milliseconds / 3600000, milliseconds / 60000 % 60,
                        milliseconds / 1000 % 60, milliseconds % 1000);
+}
+
+std::string FormatNames(std::string_view inText)
+{
+    std::string text;
+    Tolbin::UTF16String valid; // Since the last byte that is not.
+    for (const char16_t unit : Tolbin::string::PathToUTF16(inText))
+    {
+        const bool isSecondHalf = !valid.empty() && (valid.back() & 0xFC00) == 0xD800;
+        if ((unit & 0xFC00) == 0xDC00 && !isSecondHalf)
+        {
+            text += fmt::format("{}\\x{:02X}", Tolbin::string::UTF16to8(valid), unit & 0xFF);
+            valid.clear();
+        }
+        else
+        {
+            valid.push_back(unit);
+        }
+    }
+    return text + Tolbin::string::UTF16to8(valid);
 }
 
 } // namespace Host

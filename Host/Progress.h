@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 namespace Host
 {
@@ -59,5 +60,8 @@ std::string FormatBytes(std::uint64_t inBytes);
 
 //! A length of time for people: "1:02:03.250".
 std::string FormatSeconds(double inSeconds);
+
+//! Text with names of files in it, for people: each byte that is not UTF-8 as "\xFF".
+std::string FormatNames(std::string_view inText);
 
 } // namespace Host

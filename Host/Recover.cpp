@@ -127,17 +127,23 @@ Json Describe(const RecoverOptions& inOptions, const fs::path& inMovie, const QT
             {"moov", {{"size", inReport.movieAtomSize}, {"position", inReport.isMovieAtomInFront ? "front" : "end"}}}};
 }
 
+//! Names of files may be no UTF-8, and JSON must be.
+void Print(const Json& inObject, std::ostream& out)
+{
+    out << inObject.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
 void Print(const RecoverOptions& inOptions, const fs::path& inMovie, const QT::RecoveryReport& inReport,
            std::ostream& out)
 {
     if (inOptions.json)
     {
-        out << Describe(inOptions, inMovie, inReport).dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+        Print(Describe(inOptions, inMovie, inReport), out);
         return;
     }
     const double seconds =
         inReport.movieTimeScale > 0 ? static_cast<double>(inReport.movieDuration) / inReport.movieTimeScale : 0;
-    out << fmt::format("{}: {} {}, {} samples in {} tracks, {}\n", inMovie.string(),
+    out << fmt::format("{}: {} {}, {} samples in {} tracks, {}\n", FormatNames(inMovie.string()),
                        inOptions.dryRun ? "would be finished:" : "finished:", FormatSeconds(seconds),
                        inReport.samplesKept, inReport.tracksKept, FormatBytes(inReport.movieSize));
     const auto note = [&out](std::uint64_t inCount, const char* inWhat) {
@@ -199,23 +205,23 @@ void RecoverMovieFile(const RecoverOptions& inOptions, std::ostream& out)
         const std::string name = (isCopied ? inOptions.output : own).string();
         if (inOptions.json)
         {
-            out << Json{{"movie", name}, {"isWhole", true}}.dump(2) << '\n';
+            Print(Json{{"movie", name}, {"isWhole", true}}, out);
         }
         else
         {
-            out << fmt::format("{}: is whole, there is nothing to recover\n", name);
+            out << fmt::format("{}: is whole, there is nothing to recover\n", FormatNames(name));
         }
         return;
     }
 
     QT::RecoveryOptions options;
-    options.journalPath = Tolbin::string::UTF8to16(found.journal.string());
+    options.journalPath = Tolbin::string::PathToUTF16(found.journal.string());
     options.dryRun = inOptions.dryRun;
     options.dropsForSpace = inOptions.dropsForSpace;
     options.keepJournal = !inOptions.output.empty();
     QT::RecoveryReport report;
     const auto recover = [&](const fs::path& inMovie) {
-        const Tolbin::Result result = QT::RecoverMovie(Tolbin::string::UTF8to16(inMovie.string()), report, options);
+        const Tolbin::Result result = QT::RecoverMovie(Tolbin::string::PathToUTF16(inMovie.string()), report, options);
         if (result < 0)
         {
             Fail(found, result);

@@ -1,6 +1,7 @@
 #include "VerifyFiles.h"
 
 #include "CommandError.h"
+#include "Progress.h"
 
 #include <Description.h>
 #include <MovieFile.h>
@@ -28,7 +29,7 @@ void PrintFindings(const std::string& inPath, const Inspect::Findings& inFinding
     {
         return;
     }
-    fmt::print(out, "{}: {}\n", inPath, isSound ? "sound" : "not sound");
+    fmt::print(out, "{}: {}\n", FormatNames(inPath), isSound ? "sound" : "not sound");
     const Json findings = Inspect::DescribeFindings(inFindings);
     for (const Json& finding : findings)
     {
@@ -81,7 +82,7 @@ void VerifyFiles(const VerifyOptions& inOptions, std::ostream& out)
             results.push_back({{"file", path}, {"error", message}});
             if (!inOptions.json)
             {
-                fmt::print(out, "{}: cannot be read: {}\n", path, message);
+                fmt::print(out, "{}: cannot be read: {}\n", FormatNames(path), message);
             }
         }
     }

@@ -56,7 +56,7 @@ Json Head(ExitCode inExitCode, const std::vector<std::string>& inErrors)
 void PrintSummary(const WrapSummary& inSummary, std::ostream& out)
 {
     const MovieLayout& layout = inSummary.layout;
-    out << fmt::format("{}: {}, {}\n", inSummary.output.string(), FormatSeconds(inSummary.seconds),
+    out << fmt::format("{}: {}, {}\n", FormatNames(inSummary.output.string()), FormatSeconds(inSummary.seconds),
                        FormatBytes(layout.fileSize));
     int number = 0;
     for (const WrapSummary::Track& track : inSummary.tracks)
@@ -70,7 +70,7 @@ void PrintSummary(const WrapSummary& inSummary, std::ostream& out)
                        layout.IsMovieInFront() ? "before" : "behind", layout.mediaOffset);
     for (const std::string& note : inSummary.notes)
     {
-        out << fmt::format("  note: {}\n", note);
+        out << fmt::format("  note: {}\n", FormatNames(note));
     }
 }
 

@@ -143,7 +143,7 @@ TEST_F(HostRecoverTest, FinishesWhatACrashLeft)
     {
         const auto writer = QT::CreateJournaledReelmill();
         QT::TrackID track = 0;
-        ASSERT_EQ(0, writer->Create(mFolder.Path16("out.mov.part"), 25));
+        ASSERT_EQ(0, writer->Create(mFolder.Path16("out\xFF.mov.part"), 25));
         ASSERT_EQ(0, writer->NewMovieTrack(QT::kQTMediaTypeText, 25, 0, 0, QT::CreateTextDescription(), track));
         for (int i = 0; i < 25; ++i)
         {
@@ -151,11 +151,11 @@ TEST_F(HostRecoverTest, FinishesWhatACrashLeft)
             ASSERT_EQ(0, writer->AddMediaSample(track, data.data(), 1 << 20, 1, 1, 0, false));
         }
     }
-    const std::string part = Path("out.mov.part");
-    const std::string journal = Path("out.mov.part.journal");
+    const std::string part = Path("out\xFF.mov.part");
+    const std::string journal = Path("out\xFF.mov.part.journal");
     const auto found = ReadFile(part);
 
-    const Json dry = Json::parse(RunHost({"recover", "--dry-run", "--json", Path("out.mov")}).out);
+    const Json dry = Json::parse(RunHost({"recover", "--dry-run", "--json", Path("out\xFF.mov")}).out);
     EXPECT_EQ(20, dry["samples"]["kept"]);
     EXPECT_EQ(found, ReadFile(part));
     EXPECT_EQ(0, RunHost({"recover", part, "-o", Path("copy.mov")}).code);
@@ -178,18 +178,18 @@ TEST_F(HostRecoverTest, FinishesWhatACrashLeft)
     WriteFile(Path("other.mov.journal"), "journal");
     refuses(Path("other.mov"), "is no journal");
 
-    const Outcome done = RunHost({"recover", Path("out.mov")});
+    const Outcome done = RunHost({"recover", Path("out\xFF.mov")});
     EXPECT_EQ(0, done.code) << done.err;
-    EXPECT_EQ(ReadFile(Path("copy.mov")), ReadFile(Path("out.mov")));
+    EXPECT_EQ(ReadFile(Path("copy.mov")), ReadFile(Path("out\xFF.mov")));
     EXPECT_FALSE(fs::exists(part) || fs::exists(journal));
-    const Outcome again = RunHost({"recover", Path("out.mov")});
+    const Outcome again = RunHost({"recover", Path("out\xFF.mov")});
     EXPECT_EQ(0, again.code);
     EXPECT_NE(std::string::npos, again.out.find("is whole")) << again.out;
-    EXPECT_EQ(0, RunHost({"recover", Path("out.mov"), "-o", Path("copy.mov"), "-y"}).code);
-    EXPECT_EQ(ReadFile(Path("copy.mov")), ReadFile(Path("out.mov")));
+    EXPECT_EQ(0, RunHost({"recover", Path("out\xFF.mov"), "-o", Path("copy.mov"), "-y"}).code);
+    EXPECT_EQ(ReadFile(Path("copy.mov")), ReadFile(Path("out\xFF.mov")));
 
     WriteFile(journal, "of a movie that is lost");
     MakeMedia("-f lavfi -i sine=d=1 -c:a pcm_s16le", Path("in.wav"));
-    EXPECT_EQ(0, RunHost({"wrap", Path("in.wav"), "-o", Path("out.mov"), "-y"}).code);
+    EXPECT_EQ(0, RunHost({"wrap", Path("in.wav"), "-o", Path("out\xFF.mov"), "-y"}).code);
     EXPECT_TRUE(fs::exists(journal)) << "another's journal is left alone";
 }

@@ -4,6 +4,7 @@
 #include <Host/ChapterFile.h>
 #include <Host/CommandError.h>
 #include <Host/MetadataOption.h>
+#include <Host/Progress.h>
 #include <Host/SccFile.h>
 #include <Host/TextTrack.h>
 #include <Host/TimecodeOption.h>
@@ -212,7 +213,7 @@ TEST_F(HostTracksTest, MalformedOptionsAreUsageErrors)
     };
     for (const auto& options : cases)
     {
-        ExpectRefusal(1, {options[0], options[1]}, video, options);
+        ExpectRefusal(1, {options[0], Host::FormatNames(options[1])}, video, options);
     }
     ExpectRefusal(1, {"--meta title=b", "once"}, video, {"--meta", "title=a", "--meta", "title=b"});
 }

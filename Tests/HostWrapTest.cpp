@@ -9,6 +9,7 @@
 #include <Host/Timing.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -22,6 +23,7 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using Json = nlohmann::json;
 
 namespace
 {
@@ -225,7 +227,32 @@ TEST_F(HostWrapTest, OutputMustBeSafeToWrite)
     ExpectRefusal(2, "not a regular file", {"wrap", wave, "-o", Path("folder"), "-y"});
     ExpectRefusal(2, "there is no folder", {"wrap", wave, "-o", Path("missing/out.mov")});
     ExpectRefusal(2, "names a folder", {"wrap", wave, "-o", Path("missing/")});
-    ExpectRefusal(2, "is not valid UTF-8", {"wrap", wave, "-o", Path("\xFF.mov")});
+}
+
+TEST_F(HostWrapTest, NamesThatAreNotUTF8AreNamesOfTheirOwn)
+{
+    const std::string wave = Path("\xFD.wav");
+    fs::rename(MakeWave(), wave);
+    for (const std::string name : {"a\xFF.mov", "a\xFE.mov", "a\uFFFD.mov", "a\xED\xB3\xBF.mov"})
+    {
+        const std::string movie = Path(name);
+        WriteFile(Path("chapters\xFF"), "00:00:00.000 One\n");
+        const Outcome outcome = RunHost({"wrap", wave, "-o", movie, "--chapters", Path("chapters\xFF"), "--json"});
+        EXPECT_EQ(0, outcome.code) << outcome.err;
+        EXPECT_TRUE(Json::accept(outcome.out)) << outcome.out;
+        for (const std::string command : {"info", "verify", "recover"})
+        {
+            EXPECT_EQ(0, RunHost({command, movie}).code) << command;
+            EXPECT_TRUE(Json::accept(RunHost({command, movie, "--json"}).out)) << command;
+        }
+        EXPECT_EQ(0, RunHost({"map", movie, "-o", movie + ".svg"}).code);
+        EXPECT_NO_THROW(Json(Text(ReadFile(movie + ".svg"))).dump()) << "it is UTF-8";
+    }
+    EXPECT_EQ(0, RunHost({"demo", "-y", Path("a\xFE.mov")}).code);
+    EXPECT_EQ(10, std::distance(fs::directory_iterator(Path("")), fs::directory_iterator())) << "none replaces another";
+    const Outcome refused = RunHost({"wrap", wave, "-o", Path("a\xFF.mov"), "--json"});
+    EXPECT_NE(std::string::npos, refused.err.find("a\\xFF.mov")) << refused.err;
+    EXPECT_NE(std::string::npos, refused.out.find("a\\\\xFF.mov")) << refused.out;
 }
 
 TEST_F(HostWrapTest, OverwritingKeepsLinkAndPermissions)

@@ -38,7 +38,8 @@ namespace QT
 //!   plain writer's `Close` does not tell, the journal stays, and so does what it needs of the movie. After a failed
 //!   write of media: its result; nothing more is written.
 //!
-//! \param inJournalPath  path of the journal; empty: the movie's with ".journal" behind it
+//! \param inJournalPath  path of the journal, as of `Tolbin::string::PathToUTF16`; empty: the movie's with ".journal"
+//!                       behind it
 TOLBIN_EXPORT boost::shared_ptr<Reelmill> CreateJournaledReelmill(Tolbin::UTF16String inJournalPath = {});
 
 //! Closes a movie whose end was not known before, or came early: `Close`, after timecode, text and captions were cut
@@ -49,7 +50,7 @@ TOLBIN_EXPORT Tolbin::Result CloseMovieWithMedia(Reelmill& ioMovie);
 
 struct RecoveryOptions
 {
-    Tolbin::UTF16String journalPath; //!< Empty: the movie's with ".journal" behind it.
+    Tolbin::UTF16String journalPath; //!< As that of the movie; empty: the movie's with ".journal" behind it.
     bool dryRun = false;             //!< Reports only; writes nothing.
     bool keepJournal = false;        //!< Does not remove the journal afterwards.
 
@@ -88,7 +89,7 @@ struct RecoveryReport
 //! the end of picture and sound. The file is cut behind the last whole sample, unless the journal lost its end: what it
 //! does not tell of stays in 'mdat'.
 //!
-//! \param inMovie    path of the movie, changed in place
+//! \param inMovie    path of the movie, changed in place; as of `Tolbin::string::PathToUTF16`, any other is EILSEQ
 //! \param outReport  filled as far as recovery came
 //! \return 0; an error of the system (ENOENT: there is no movie, or no journal); `kQTErrBadJournal`;
 //!         `kQTErrOtherMovie`; `kQTErrNothingWhole` (no sample, or none of picture and sound in a movie that has such

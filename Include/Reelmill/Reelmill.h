@@ -39,7 +39,9 @@ public:
 
     //! Creates the movie file, or replaces the content of an existing one, and writes its head.
     //!
-    //! \param inPath            path of the movie file
+    //! \param inPath            path of the movie file, as of `Tolbin::string::PathToUTF16`, which keeps bytes that are
+    //!                          not UTF-8. A path that no file can have (any other lone surrogate) is EILSEQ, as an
+    //!                          error of the system, and nothing is created.
     //! \param inMovieTimeScale  movie time units per second, above 0
     //! \return 0 or above; `kQTErrBadArgument` when the volume's disk-buffer size is unusable; `kResultOutOfMemory`
     //!         when the block for media cannot be had; `kResultShortWrite` or an error of the system. After a failure

@@ -13,10 +13,11 @@ File::File(const UTF16String& inPath, StorageType /*inStorage*/) : mPath(inPath)
 
 File::TimePoint File::Created() const
 {
-    const std::string path = string::UTF16to8(mPath);
-    if (!string::IsValidUTF16(mPath))
+    std::string path;
+    const Result result = string::UTF16ToPath(mPath, path);
+    if (result < 0)
     {
-        throw std::system_error(EILSEQ, std::generic_category(), "the path is not valid UTF-16: " + path);
+        throw std::system_error(SystemErrorFromResult(result), std::generic_category(), "no file has such a path");
     }
     timespec time{};
     if (!Ventra::OperatingSystem::GetCreationTime(path.c_str(), time))

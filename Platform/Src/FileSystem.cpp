@@ -29,22 +29,6 @@ Tolbin::Result LastSystemError()
     return Tolbin::ResultFromSystemError(errno);
 }
 
-//! The system's path for ours. EILSEQ when it is not valid UTF-16, EINVAL when it holds a zero, which no system path
-//! can.
-Tolbin::Result MakeSystemPath(const Tolbin::UTF16String& inPath, std::string& outPath)
-{
-    if (!Tolbin::string::IsValidUTF16(inPath))
-    {
-        return Tolbin::ResultFromSystemError(EILSEQ);
-    }
-    if (inPath.find(u'\0') != Tolbin::UTF16String::npos)
-    {
-        return Tolbin::ResultFromSystemError(EINVAL);
-    }
-    outPath = Tolbin::string::UTF16to8(inPath);
-    return Tolbin::kResultSuccess;
-}
-
 //! The handle is the file descriptor.
 class PosixFileSystem final : public FileSystem
 {
@@ -52,7 +36,7 @@ public:
     Tolbin::Result Open(const Tolbin::UTF16String& inPath, const FileOpenMode& inMode, Handle& outHandle) override
     {
         std::string path;
-        const Tolbin::Result result = MakeSystemPath(inPath, path);
+        const Tolbin::Result result = Tolbin::string::UTF16ToPath(inPath, path);
         if (result < 0)
         {
             return result;
@@ -160,7 +144,7 @@ public:
     Tolbin::Result GetEfficientDiskBufferSize(const Tolbin::UTF16String& inPath, unsigned int& outSize) override
     {
         std::string path;
-        const Tolbin::Result result = MakeSystemPath(inPath, path);
+        const Tolbin::Result result = Tolbin::string::UTF16ToPath(inPath, path);
         if (result < 0)
         {
             return result;
@@ -186,7 +170,7 @@ public:
     Tolbin::Result Remove(const Tolbin::UTF16String& inPath) override
     {
         std::string path;
-        const Tolbin::Result result = MakeSystemPath(inPath, path);
+        const Tolbin::Result result = Tolbin::string::UTF16ToPath(inPath, path);
         if (result < 0)
         {
             return result;

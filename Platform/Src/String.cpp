@@ -2,6 +2,7 @@
 
 #include <boost/locale/utf.hpp>
 
+#include <cerrno>
 #include <iterator>
 
 namespace Tolbin::string
@@ -13,6 +14,11 @@ namespace
 namespace utf = boost::locale::utf;
 
 constexpr utf::code_point kReplacement = 0xFFFD;
+
+//! What stands for the byte b of a path that is not part of UTF-8: 0xDC00 + b, which no UTF-8 gives.
+constexpr char16_t kByteInPath = 0xDC00;
+constexpr char16_t kFirstByteInPath = kByteInPath + 0x80;
+constexpr char16_t kLastByteInPath = kByteInPath + 0xFF;
 
 //! Takes the code point at `ioPosition` and moves behind it; false, and one code unit on, where there is none.
 template <typename Iterator>
@@ -29,26 +35,46 @@ bool NextCodePoint(Iterator& ioPosition, Iterator inEnd, utf::code_point& outCod
     return false;
 }
 
-template <typename To, typename From>
-To Convert(const From& inString)
+template <typename To>
+void Append(To& ioString, utf::code_point inCodePoint)
+{
+    utf::utf_traits<typename To::value_type>::encode(inCodePoint, std::back_inserter(ioString));
+}
+
+//! `inReplace` appends to the result what stands for a code unit that is no code point and no part of one.
+template <typename To, typename From, typename Replace>
+To Convert(const From& inString, Replace inReplace)
 {
     To result;
     result.reserve(inString.size());
     for (auto position = inString.begin(); position != inString.end();)
     {
+        const auto unit = *position;
         utf::code_point codePoint = 0;
-        const bool isValid = NextCodePoint(position, inString.end(), codePoint);
-        utf::utf_traits<typename To::value_type>::encode(isValid ? codePoint : kReplacement,
-                                                         std::back_inserter(result));
+        if (NextCodePoint(position, inString.end(), codePoint))
+        {
+            Append(result, codePoint);
+        }
+        else
+        {
+            inReplace(result, unit);
+        }
     }
     return result;
+}
+
+//! Text: U+FFFD stands for what is none.
+template <typename To, typename From>
+To ConvertText(const From& inString)
+{
+    return Convert<To>(inString, [](To& ioResult, auto) { Append(ioResult, kReplacement); });
 }
 
 } // namespace
 
 std::string UTF16to8(const UTF16String& inString)
 {
-    return Convert<std::string>(inString);
+    return ConvertText<std::string>(inString);
 }
 
 std::string UTF16toStdString(const UTF16String& inString)
@@ -58,7 +84,7 @@ std::string UTF16toStdString(const UTF16String& inString)
 
 UTF16String UTF8to16(std::string_view inString)
 {
-    return Convert<UTF16String>(inString);
+    return ConvertText<UTF16String>(inString);
 }
 
 UTF16String AsciiToUTF16(std::string_view inString)
@@ -84,6 +110,27 @@ bool IsValidUTF16(const UTF16String& inString)
         }
     }
     return true;
+}
+
+UTF16String PathToUTF16(std::string_view inPath)
+{
+    return Convert<UTF16String>(inPath, [](UTF16String& ioResult, char inByte) {
+        ioResult.push_back(static_cast<char16_t>(kByteInPath + static_cast<unsigned char>(inByte)));
+    });
+}
+
+Result UTF16ToPath(const UTF16String& inPath, std::string& outPath)
+{
+    if (inPath.find(u'\0') != UTF16String::npos)
+    {
+        return ResultFromSystemError(EINVAL);
+    }
+    bool isPath = true;
+    outPath = Convert<std::string>(inPath, [&isPath](std::string& ioResult, char16_t inUnit) {
+        isPath = isPath && inUnit >= kFirstByteInPath && inUnit <= kLastByteInPath;
+        ioResult.push_back(static_cast<char>(inUnit & 0xFF));
+    });
+    return isPath ? kResultSuccess : ResultFromSystemError(EILSEQ);
 }
 
 } // namespace Tolbin::string

@@ -239,7 +239,7 @@ private:
 class Session
 {
 public:
-    explicit Session(const std::string& inPath) : mPath(Tolbin::string::UTF8to16(inPath)) {}
+    explicit Session(const std::string& inPath) : mPath(Tolbin::string::PathToUTF16(inPath)) {}
 
     //! Runs the script's calls and fills the outcome.
     void Run(const Json& inScript, Json& outOutcome)

@@ -69,7 +69,7 @@ class Movie
 public:
     Movie(const std::string& inPath, int inTimeScale) : mWriter(QT::CreateReelmill())
     {
-        Check(mWriter->Create(Tolbin::string::UTF8to16(inPath), inTimeScale));
+        Check(mWriter->Create(Tolbin::string::PathToUTF16(inPath), inTimeScale));
     }
 
     QT::Reelmill& Writer() { return *mWriter; }

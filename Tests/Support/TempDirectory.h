@@ -37,7 +37,7 @@ public:
     TempDirectory& operator=(const TempDirectory&) = delete;
 
     std::string Path(const std::string& inName) const { return mPath + "/" + inName; }
-    Tolbin::UTF16String Path16(const std::string& inName) const { return Tolbin::string::UTF8to16(Path(inName)); }
+    Tolbin::UTF16String Path16(const std::string& inName) const { return Tolbin::string::PathToUTF16(Path(inName)); }
 
 private:
     std::string mPath;

@@ -24,7 +24,7 @@ public:
     File(const UTF16String& inPath, StorageType inStorage);
 
     //! When the file was created: its birth time where the file system keeps one, else the time of its last status
-    //! change. Throws `std::system_error` when the file cannot be read or the path is not valid UTF-16 (EILSEQ).
+    //! change. Throws `std::system_error` when the file cannot be read or has no such path (`string::UTF16ToPath`).
     TimePoint Created() const;
 
 private:

@@ -23,7 +23,8 @@ public:
     //! Opens the file with the pointer at 0. A file that was open before is closed first. Where the file system cannot
     //! bypass the cache, an unbuffered open succeeds all the same and writes go through the cache.
     //!
-    //! \return 0; an error of the system (EILSEQ when `inPath` is not valid UTF-16), and no file is open.
+    //! \param inPath  as of `Tolbin::string::PathToUTF16`
+    //! \return 0; an error of the system (EILSEQ or EINVAL when no file can have that path), and no file is open.
     Tolbin::Result Create(const Tolbin::UTF16String& inPath, FileAccessFlags::Type inAccess,
                           FileShareModeFlags::Type inShare, FileCreateDispositionFlags::Type inDisposition,
                           FileAttributesFlags::Type inAttributes, bool inInheritable);
