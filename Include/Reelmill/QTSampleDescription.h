@@ -92,7 +92,8 @@ public:
     //! Leaves the field atom ('fiel') out. It is written by default.
     virtual void SetShouldOmitFieldExtension(bool inOmit) = 0;
 
-    //! Zero bytes behind the last extension, 0 by default.
+    //! Zero bytes behind the last extension, 0 by default. `Reelmill::Close` makes them in memory: more than the machine
+    //! has is `kResultOutOfMemory`, and more than an atom takes `kQTErrTooLarge`.
     virtual void SetExtraPaddingAmount(unsigned long inSize) = 0;
 };
 
