@@ -457,15 +457,6 @@ TEST_F(FileFaults, DestructionClosesWhatIsOpen)
     EXPECT_EQ(files.OpenHandles(), 0u);
 }
 
-TEST_F(FileFaults, DiskBufferThatCannotBeToldIs4096)
-{
-    FailingFileSystem failing(system, FileOperation::BufferSize, 1);
-    FileSystemScope scope(failing);
-    unsigned int size = 0;
-    EXPECT_EQ(Ventra::DiskUtils::GetEfficientDiskBufferSizeFromPath(path, size), SystemError(EIO));
-    EXPECT_EQ(size, 4096u);
-}
-
 // ---- Results --------------------------------------------------------------------------------------------------------
 
 TEST(Results, CarryTheSystemsErrors)

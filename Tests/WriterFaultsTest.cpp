@@ -35,39 +35,18 @@ TEST_F(WriterFaults, FileThatCannotTellItsCreationTimeWasCreatedNow)
     EXPECT_LE(created, std::time(nullptr));
 }
 
-//! For a scope, no file of this process gets longer, and the signal that tells so is ignored.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t inSize) : mPreviousHandler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &mPrevious), 0);
-        const rlimit limit = {inSize, mPrevious.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-    }
-
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &mPrevious);
-        std::signal(SIGXFSZ, mPreviousHandler);
-    }
-
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    void (*mPreviousHandler)(int);
-    rlimit mPrevious = {};
-};
-
 TEST_F(WriterFaults, SizeLimitIsAnErrorAndWhatFitsIsKept)
 {
     const SettingScope setting{"Reelmill.NFSWriteSizeInKBytes", "4"};
     VolumeFileSystem volume{Ventra::FileSystem::System(), Ventra::FileSystemType::kNFS, 4096};
     On scope(*this, volume);
-    const FileSizeLimit limit(kMediaOffset + 6001);
+    rlimit previous = {};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+    const rlimit limit = {kMediaOffset + 6001, previous.rlim_max};
+    auto* const previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     writer = QT::CreateJournaledReelmill();
-    ASSERT_EQ(Create(), 0);
+    EXPECT_EQ(Create(), 0);
     const QT::TrackID track = NewTrack();
     EXPECT_EQ(Add(track, std::string(6000, 'a')), 0);
     EXPECT_EQ(Add(track, std::string(6000, 'b')), Tolbin::ResultFromSystemError(EFBIG));
@@ -75,6 +54,8 @@ TEST_F(WriterFaults, SizeLimitIsAnErrorAndWhatFitsIsKept)
     QT::RecoveryReport report;
     EXPECT_EQ(QT::RecoverMovie(path, report), 0);
     EXPECT_EQ(report.samplesKept, 1u);
+    setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previousHandler);
 }
 
 TEST_F(WriterFaults, SamplesOfAFailedWriteAreNotInTheMovie)
