@@ -445,18 +445,6 @@ TEST_F(FileFaults, LongTransfersAreDivided)
     munmap(data, kLength);
 }
 
-TEST_F(FileFaults, DestructionClosesWhatIsOpen)
-{
-    RecordingFileSystem files(system);
-    FileSystemScope scope(files);
-    {
-        File file;
-        ASSERT_EQ(Open(file, path, kCreateAlways), 0);
-        EXPECT_EQ(files.OpenHandles(), 1u);
-    }
-    EXPECT_EQ(files.OpenHandles(), 0u);
-}
-
 // ---- Results --------------------------------------------------------------------------------------------------------
 
 TEST(Results, CarryTheSystemsErrors)
