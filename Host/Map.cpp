@@ -73,8 +73,12 @@ const char* TrackColor(std::size_t inIndex)
 
 std::string TrackName(const Inspect::Track& inTrack)
 {
-    const std::string format = inTrack.entries.empty() ? "" : " " + Inspect::FourCCText(inTrack.entries.front().format);
-    return fmt::format("{} {}{}", inTrack.id, Inspect::HandlerName(inTrack.handlerType), format);
+    std::string name = fmt::format("{} {}", inTrack.id, Inspect::HandlerName(inTrack.handlerType));
+    if (!inTrack.entries.empty())
+    {
+        name += fmt::format(" {}", Inspect::FourCCText(inTrack.entries.front().format));
+    }
+    return name;
 }
 
 //! A round number not below `inValue`, for the end of an axis: 1, 2 or 5 times a power of ten.

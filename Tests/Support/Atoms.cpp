@@ -108,10 +108,13 @@ std::string AtomTree(const BinaryDataArray& inBytes)
     std::string text;
     for (const Atom& atom : ListAtoms(inBytes))
     {
-        text += (text.empty() ? "" : " ") + atom.type;
+        text += text.empty() ? "" : " ";
+        text += atom.type;
         if (IsContainer(atom.type))
         {
-            text += "(" + AtomTree(Part(inBytes, atom.offset + 8, atom.size - 8)) + ")";
+            text += '(';
+            text += AtomTree(Part(inBytes, atom.offset + 8, atom.size - 8));
+            text += ')';
         }
     }
     return text;
