@@ -220,34 +220,8 @@ public:
     }
 };
 
-//! The least that `Close` can cost, whatever is kept of the samples: one write, through the cache, of tables that are
-//! there already.
-class Tables final : public Bench::Contestant
-{
-public:
-    void Create(const Bench::Load& inLoad, const std::string& inPath) override
-    {
-        mFile = std::make_unique<OutputFile>(inPath, 0);
-        mTables = std::make_unique<Bench::Memory>(inLoad.TableSize());
-    }
-
-    void Write(const Bench::Load&) override { std::memset(mTables->Data(), 'x', mTables->Size()); }
-
-    void Close() override
-    {
-        mFile->Write(mTables->Data(), mTables->Size());
-        mFile.reset();
-    }
-
-    std::uint64_t LeastFileSize(const Bench::Load& inLoad) const override { return inLoad.TableSize(); }
-
-private:
-    std::unique_ptr<OutputFile> mFile;
-    std::unique_ptr<Bench::Memory> mTables;
-};
-
-//! The least that it can cost where the tables come from records of 32 bytes: each record looked at once, its size and
-//! its place stored in new memory as big-endian numbers of 32 bits, one write.
+//! The least that `Close` can cost where the tables come from records of 32 bytes: each record looked at once, its size
+//! and its place stored in new memory as big-endian numbers of 32 bits, one write.
 class RecordsToTables final : public Bench::Contestant
 {
 public:
@@ -307,6 +281,5 @@ int main(int argc, char** argv)
                        {"copy-direct", [] { return std::make_unique<CopyDirect>(); }},
                        {"copy", [] { return std::make_unique<Copy>(); }},
                        {"records", [] { return std::make_unique<Records>(); }},
-                       {"tables", [] { return std::make_unique<Tables>(); }},
                        {"records-to-tables", [] { return std::make_unique<RecordsToTables>(); }}});
 }

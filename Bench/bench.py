@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Measures the writer beside its peers and the machine's limits, and prints the result as Markdown.
 
-    Bench/bench.py [--quick] [--rounds N] [--folder DIR] [--json FILE] [--readme]
+    Bench/bench.py [--quick] [--minutes N] [--folder DIR] [--json FILE] [--readme]
 
-Scripts/bench builds the programs first. In each round the contestants take turns in another order, each behind an empty
-folder, a synced disk and memory that was just in use; those that lie close together take several turns. A figure is the
-median of all turns. Two contestants are held against each other by the median of the ratios within a turn, so that what
-changes slowly on the machine touches both. Exit status: 0 everything ran, whatever came of it; 1 not.
+Scripts/bench builds the programs first. The contestants of a load take turns, each time in another order, each after an
+empty folder, a synced disk and memory that was just in use. A figure is the median of all turns. Two contestants are
+held against each other by their ratios within a turn, so that what changes slowly on the machine touches both. More
+pairs of them are drawn until it is clear on which side of its limit the median of the ratios lies, the minutes are over
+or there are as many as may be. Exit status: 0 everything ran, whatever came of it; 1 not.
 """
 
 import argparse
@@ -18,7 +19,12 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import time
+from dataclasses import dataclass
 from pathlib import Path
+from typing import Callable
+
+from verdict import LEVEL, of_all, quartiles, verdict
 
 PROJECT = Path(__file__).resolve().parents[1]
 README = PROJECT / "README.md"
@@ -28,13 +34,13 @@ PROGRAMS = {
     "reelmill": "BenchReelmill", "journaled": "BenchReelmill",
     "libavformat": "BenchLibavformat", "libquicktime": "BenchLibquicktime", "qtmux": "BenchQtmux",
     "direct": "BenchFloors", "copy-direct": "BenchFloors", "copy": "BenchFloors",
-    "records": "BenchFloors", "tables": "BenchFloors", "records-to-tables": "BenchFloors",
+    "records": "BenchFloors", "records-to-tables": "BenchFloors",
 }
 PEERS = ("libavformat", "libquicktime", "qtmux")
 NAMES = {
     "reelmill": "**Reelmill**", "journaled": "Reelmill with its journal", "qtmux": "GStreamer qtmux",
     "direct": "*direct 20 MiB writes alone*", "copy-direct": "*copy, then direct writes*", "copy": "*copy alone*",
-    "records": "*32 bytes a sample, appended*", "tables": "*one write of the tables' bytes*",
+    "records": "*32 bytes a sample, appended*",
     "records-to-tables": "*32-byte records read, tables stored in new memory, one write*",
 }
 
@@ -42,18 +48,24 @@ CONTESTANTS = {  # of each load, in the order of its table
     "editorial": ("reelmill", "journaled", *PEERS, "copy-direct", "direct", "copy"),
     "tiny": ("reelmill", "journaled", *PEERS, "copy", "records"),
     "tiny-varying": ("reelmill", "journaled", *PEERS, "copy", "records"),
-    "many": ("reelmill", "journaled", *PEERS, "tables", "records-to-tables"),
+    "many": ("reelmill", "journaled", *PEERS, "records-to-tables"),
     "growth": ("reelmill", "libavformat", "libquicktime"),
     "small": ("reelmill", "journaled", *PEERS),
     "chunks": ("reelmill", "journaled", *PEERS),
 }
-CLOSE = ("reelmill", "journaled", "copy-direct")  # So close together that one turn a round tells little.
-CLOSE_TURNS = 3
 JOURNALED = [load for load, contestants in CONTESTANTS.items() if "journaled" in contestants]
 GROWTH = (10_000, 100_000, 1_000_000, 10_000_000)
-SLOW = {"qtmux": 100_000}  # Samples that a contestant gets where the load has more and they are small.
+SLOW = {  # Samples that a contestant gets where the load has more of them.
+    ("qtmux", "tiny"): 20_000, ("qtmux", "tiny-varying"): 20_000, ("qtmux", "many"): 100_000,
+    ("qtmux", "small"): 20_000, ("qtmux", "chunks"): 20_000,
+}
 QUICK = {"editorial": 1440}  # Samples of the quick form; 20 000 of the others.
 QUICK_GROWTH = (1000, 10_000)
+
+ROUNDS = 3  # In which all contestants take turns.
+LEAST_PAIRS = 7  # Of those that are held against each other; fewer decide nothing.
+MOST_PAIRS = 60
+MINUTES = 8  # After which no more pairs are drawn.
 
 BLOCK = 20 << 20  # bytes
 RECORD = 32  # bytes that the writer keeps of a sample
@@ -96,39 +108,81 @@ class Cell:
         return self.peak / self.samples
 
 
+@dataclass(frozen=True)
+class Ratio:
+    """Of what `value` gives for the lines of two runners, (contestant, samples); of the first alone without a second."""
+
+    load: str
+    over: tuple
+    under: tuple
+    value: Callable
+
+
+@dataclass(frozen=True)
+class Limit:
+    """What each of the ratios is to be."""
+
+    what: str
+    ratios: list
+    bound: float
+    at_least: bool
+
+
 class Bench:
     def __init__(self, options):
         self.options = options
         self.programs = Path(options.build) / "Bench"
         self.growth = QUICK_GROWTH if options.quick else GROWTH
-        self.lines = []  # As the programs printed them, with the round and the turn in it.
+        self.lines = []  # As the programs printed them, with the turn in it.
+        self.turns = dict.fromkeys(CONTESTANTS, 0)  # Of each load.
 
-    def samples(self, contestant, load):
-        """None: the load's own number."""
-        if self.options.quick:
-            return QUICK.get(load, 20_000)
-        return SLOW.get(contestant) if load != "editorial" else None
+    def runner(self, contestant, load):
+        """Samples None: the load's own number."""
+        quick = QUICK.get(load, 20_000)
+        return contestant, quick if self.options.quick else SLOW.get((contestant, load))
 
-    def plan(self):
-        """(contestants, load, samples) of each group, as often as it takes turns in a round."""
-        for load, contestants in CONTESTANTS.items():
-            if load == "growth":
-                for count in self.growth:
-                    yield [(name, load, count) for name in contestants]
-                continue
-            group = [(name, load, self.samples(name, load)) for name in contestants]
-            yield group
-            if not self.options.quick:
-                yield from [[one for one in group if one[0] in CLOSE]] * (CLOSE_TURNS - 1)
+    def runners(self, load):
+        if load == "growth":
+            return [(name, samples) for samples in self.growth for name in CONTESTANTS[load]]
+        return [self.runner(name, load) for name in CONTESTANTS[load]]
 
     def run(self, folder):
-        for number in range(self.options.rounds):
-            for turn, group in enumerate(self.plan()):
-                print(f"round {number + 1} of {self.options.rounds}: {group[0][1]}", file=sys.stderr, flush=True)
-                place = (number + turn) % len(group)
-                order = group[place:] + group[:place]
-                for one in order if number % 2 == 0 else order[::-1]:
-                    self.lines.append({"round": number + 1, "turn": turn, **self.measure(folder, *one)})
+        deadline = time.monotonic() + 60 * self.options.minutes
+        for number in range(1 if self.options.quick else ROUNDS):
+            for load in CONTESTANTS:
+                self.take_turn(folder, load, self.runners(load))
+        if not self.options.quick:
+            self.draw_pairs(folder, deadline)
+
+    def draw_pairs(self, folder, deadline):
+        """The least number whatever the time; then each load that is not decided gets as much time as the others."""
+        spent = dict.fromkeys(CONTESTANTS, 0.0)
+        while True:
+            wanted = {}
+            for limit in limits(self):
+                if self.verdict(limit) == "undecided":
+                    for ratio in limit.ratios:
+                        if self.verdict_of(ratio, limit) == "undecided" and len(self.ratios(ratio)) < MOST_PAIRS:
+                            wanted.setdefault(ratio.load, set()).update({ratio.over, ratio.under} - {None})
+            early = [load for load in wanted if self.turns[load] < LEAST_PAIRS]
+            if not wanted or (not early and time.monotonic() >= deadline):
+                return
+            load = min(early or wanted, key=spent.get)
+            start = time.monotonic()
+            self.take_turn(folder, load, [one for one in self.runners(load) if one in wanted[load]])
+            spent[load] += time.monotonic() - start
+
+    def take_turn(self, folder, load, runners):
+        """Neighbours change places every time, and who begins every second time."""
+        turn = self.turns[load]
+        self.turns[load] += 1
+        print(f"{load}: turn {turn + 1} of {', '.join(dict.fromkeys(name for name, _ in runners))}", file=sys.stderr,
+              flush=True)
+        place = turn // 2 % len(runners)
+        order = runners[place:] + runners[:place]
+        for name, samples in order if turn % 2 == 0 else order[::-1]:
+            line = self.measure(folder, name, load, samples)
+            self.lines.append({"turn": turn, "runner": (name, samples), **line})
 
     def measure(self, folder, contestant, load, samples):
         movie = folder / f"{contestant}.mov"
@@ -155,13 +209,23 @@ class Bench:
     def cells(self, load):
         return {name: self.cell(name, load) for name in CONTESTANTS[load]}
 
-    def ratio(self, contestant, load, value):
-        """Of a contestant's figure to the writer's: the median over the turns that both took."""
-        def figures(name):
-            return {(line["round"], line["turn"]): value(line) for line in self.cell(name, load).turns}
+    def ratios(self, ratio):
+        """One for each turn that both took."""
+        def figures(runner):
+            return {line["turn"]: ratio.value(line) for line in self.lines
+                    if line["load"] == ratio.load and line["runner"] == runner}
 
-        its, ours = figures(contestant), figures("reelmill")
-        return statistics.median(its[turn] / ours[turn] for turn in its.keys() & ours.keys())
+        over = figures(ratio.over)
+        if ratio.under is None:
+            return list(over.values())
+        under = figures(ratio.under)
+        return [over[turn] / under[turn] for turn in sorted(over.keys() & under.keys())]
+
+    def verdict_of(self, ratio, limit):
+        return verdict(self.ratios(ratio), limit.bound, limit.at_least)
+
+    def verdict(self, limit):
+        return of_all([self.verdict_of(ratio, limit) for ratio in limit.ratios])
 
     def versions(self):
         return sorted({line["version"] for line in self.lines} - {""})
@@ -240,8 +304,9 @@ def many_table(bench):
         "Many: small samples of varying size on 4 tracks in turn, each a chunk of its own",
         ("contestant", "samples", "`Close`, CPU", "`Close`, CPU a sample", "CPU a sample, all in", "memory a sample"),
         [row(name, count(cell.samples), seconds(cell.close), nanoseconds(cell.close_each),
-             "" if "tables" in name else nanoseconds(cell.cpu_each),
-             "" if "tables" in name else f"{cell.peak_each:.1f} B") for name, cell in bench.cells("many").items()])
+             "" if name == "records-to-tables" else nanoseconds(cell.cpu_each),
+             "" if name == "records-to-tables" else f"{cell.peak_each:.1f} B")
+         for name, cell in bench.cells("many").items()])
 
 
 def growth_table(bench):
@@ -285,65 +350,88 @@ def each(value):
     return lambda line: value(line) / line["samples"]
 
 
+def peak(line):
+    return line["peakBytes"]
+
+
+def record_room(line):
+    """Memory, of the writer's records and nothing else."""
+    return (line["peakBytes"] - BLOCK) / (RECORD * line["samples"])
+
+
+def journal_ratio(bench, load, value):
+    return Ratio(load, bench.runner("journaled", load), bench.runner("reelmill", load), value)
+
+
+def limits(bench):
+    """The bar."""
+    def peers(load, value, names=PEERS):
+        return [Ratio(load, bench.runner(name, load), bench.runner("reelmill", load), value) for name in names]
+
+    def ours(load, value, names):
+        return [Ratio(load, bench.runner("reelmill", load), bench.runner(name, load), value) for name in names]
+
+    yield Limit("editorial: speed, of copy and direct writes", peers("editorial", wall, ["copy-direct"]), 0.95, True)
+    yield Limit("editorial: speed, of the best peer's", peers("editorial", wall), 1.3, True)
+    yield Limit("editorial: CPU, of the best peer's", ours("editorial", cpu, PEERS), 0.4, False)
+    for load in ("tiny", "tiny-varying"):
+        yield Limit(f"{load}: the best peer's CPU a sample, of ours", peers(load, each(cpu)), 3, True)
+        yield Limit(f"{load}: memory, of 32 bytes a sample",
+                    [Ratio(load, bench.runner("reelmill", load), None, record_room)], 1.3, False)
+    equals = [name for name in PEERS if (name, "many") not in SLOW]
+    yield Limit("many: the best peer's `Close` CPU with as many samples, of ours", peers("many", closing, equals), 2.5,
+                True)
+    yield Limit("many: any peer's `Close` CPU a sample, of ours", peers("many", each(closing)), 2.5, True)
+    yield Limit("many: `Close` CPU, of records read, stored as tables and written",
+                ours("many", closing, ["records-to-tables"]), 2, False)
+    before, last = bench.growth[-2:]
+    for what, value in (("CPU", cpu), ("memory", peak)):
+        yield Limit(f"growth: {what} a sample with {power(last)} samples, of {power(before)}",
+                    [Ratio("growth", ("reelmill", last), ("reelmill", before), each(value))], 1.25, False)
+    for load in JOURNALED:
+        yield Limit(f"{load}: CPU of adding with the journal, of without", [journal_ratio(bench, load, adding)], 1.1,
+                    False)
+
+
 def journal_table(bench):
     def figures(load):
         def more(value):
-            return f"{100 * (bench.ratio('journaled', load, value) - 1):+.1f} %"
+            lower, median, upper = (f"{100 * (ratio - 1):+.1f}"
+                                    for ratio in quartiles(bench.ratios(journal_ratio(bench, load, value))))
+            return f"{median} % ({lower} to {upper})"
 
         return (load, nanoseconds(bench.cell("reelmill", load).add_each),
                 nanoseconds(bench.cell("journaled", load).add_each), more(adding), more(cpu), more(wall))
 
     return table(
-        "The journal: medians of each figure, and of how much more it is within a turn",
+        "The journal: medians of each figure, and of how much more it is within a turn, with the quartiles",
         ("load", "adding, CPU a sample: plain", "journaled", "more", "with `Close`: more", "wall: more"),
         [figures(load) for load in JOURNALED])
 
 
 def bar_table(bench):
-    rows = []  # Rounded to the side where nothing looks better than it is.
+    def figures(limit):
+        """Of the ratio that is nearest to the limit, or farthest beyond; rounded so that nothing looks better."""
+        worst = min if limit.at_least else max
+        ratios = worst((bench.ratios(ratio) for ratio in limit.ratios), key=statistics.median)
+        rounded = math.floor if limit.at_least else math.ceil
+        lower, median, upper = (f"{rounded(ratio * 100) / 100:.2f}" for ratio in quartiles(ratios))
+        return (limit.what, median, f"{lower} to {upper}", str(len(ratios)),
+                f"at {'least' if limit.at_least else 'most'} {limit.bound}", bench.verdict(limit))
 
-    def at_least(what, value, limit):
-        shown = math.floor(value * 100) / 100
-        rows.append((what, f"{shown:.2f}", f"at least {limit}", "yes" if value >= limit else "no"))
-
-    def at_most(what, value, limit):
-        shown = math.ceil(value * 100) / 100
-        rows.append((what, f"{shown:.2f}", f"at most {limit}", "yes" if value <= limit else "no"))
-
-    def best_peer(load, value, peers=PEERS):
-        return min(bench.ratio(name, load, value) for name in peers)
-
-    at_least("editorial: speed, of copy and direct writes", bench.ratio("copy-direct", "editorial", wall), 0.95)
-    at_least("editorial: speed, of the best peer's", best_peer("editorial", wall), 1.3)
-    at_most("editorial: CPU, of the best peer's", 1 / best_peer("editorial", cpu), 0.4)
-    for load in ("tiny", "tiny-varying"):
-        ours = bench.cell("reelmill", load)
-        at_least(f"{load}: the best peer's CPU a sample, of ours", best_peer(load, each(cpu)), 3)
-        at_most(f"{load}: memory, of 32 bytes a sample", (ours.peak - BLOCK) / (RECORD * ours.samples), 1.3)
-    cells = bench.cells("many")
-    equals = [name for name in PEERS if cells[name].samples == cells["reelmill"].samples]
-    at_least("many: the best peer's `Close` CPU with as many samples, of ours", best_peer("many", closing, equals), 2.5)
-    at_least("many: any peer's `Close` CPU a sample, of ours", best_peer("many", each(closing)), 2.5)
-    at_most("many: `Close` CPU, of records read, stored as tables and written",
-            1 / bench.ratio("records-to-tables", "many", closing), 2)
-    at_most("many: `Close` CPU, of one write of the tables' bytes", 1 / bench.ratio("tables", "many", closing), 2)
-    before, last = (bench.cell("reelmill", "growth", samples) for samples in bench.growth[-2:])
-    times = f"{power(last.samples)} samples, of {power(before.samples)}"
-    at_most(f"growth: CPU a sample with {times}", last.cpu_each / before.cpu_each, 1.25)
-    at_most(f"growth: memory a sample with {times}", last.peak_each / before.peak_each, 1.25)
-    for load in JOURNALED:
-        at_most(f"{load}: CPU of adding with the journal, of without", bench.ratio("journaled", load, adding), 1.1)
-    return table("The bar", ("what", "measured", "limit", "met"), rows)
+    return table("The bar", ("what", "median", "quartiles", "turns", "limit", "met"),
+                 [figures(limit) for limit in limits(bench)])
 
 
 def report(bench, options, folder):
     kind = "Each figure is from one round of small loads, which shows no more than that everything runs."
     if not options.quick:
-        kind = (f"Medians of {options.rounds} round{'s' * (options.rounds > 1)}. But for growth, the writer takes "
-                f"{CLOSE_TURNS} turns a round, with its journal and without, and so does copy with direct writes. CPU: "
-                "user and system time of all threads. Memory: how far resident memory rises. In italics what the "
-                "machine itself asks for the same bytes. What two contestants are to each other is the median of their "
-                "ratios within a turn.")
+        kind = (f"Figures are medians of {ROUNDS} turns or more. CPU: user and system time of all threads. Memory: how "
+                "far resident memory rises. In italics what the machine itself asks for the same bytes. What two "
+                "contestants are to each other is the median of their ratios within a turn, with the quartiles of these "
+                f"ratios. A limit is met, or not, where the {100 * LEVEL:.0f} % confidence interval of the median lies "
+                f"wholly on one side of it. Up to {MOST_PAIRS} pairs are drawn for that, for "
+                f"{options.minutes:g} minutes; what is open then is undecided.")
     tables = [editorial_table, tiny_table, many_table, growth_table, pieces_table, journal_table]
     tables += [] if options.quick else [bar_table]
     return "\n".join([f"{machine(options, folder)}; {', '.join(bench.versions())}. {kind}\n",
@@ -362,17 +450,16 @@ def put_into_readme(text):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true", help="one round of small loads: shows that everything runs")
-    parser.add_argument("--rounds", type=int, help="how often all take turns (5)")
+    parser.add_argument("--minutes", type=float, default=MINUTES,
+                        help=f"after which no more than {LEAST_PAIRS} pairs are drawn (%(default)s)")
     parser.add_argument("--folder", type=Path, default=PROJECT / "build/bench",
                         help="where the movies go (%(default)s)")
     parser.add_argument("--json", type=Path, help="file for every single measurement")
     parser.add_argument("--readme", action="store_true", help="also put the tables into README.md")
     parser.add_argument("--build", default=PROJECT / "build/bench", help="where the programs are (%(default)s)")
     options = parser.parse_args()
-    if options.rounds is None:
-        options.rounds = 1 if options.quick else 5
-    if options.rounds < 1 or (options.quick and options.readme):
-        parser.error("--rounds takes 1 or more, and a quick run is none for the README")
+    if options.quick and options.readme:
+        parser.error("a quick run is none for the README")
 
     bench = Bench(options)
     try:
