@@ -63,7 +63,7 @@ QUICK = {"editorial": 1440}  # Samples of the quick form; 20 000 of the others.
 QUICK_GROWTH = (1000, 10_000)
 
 ROUNDS = 3  # In which all contestants take turns.
-LEAST_PAIRS = 7  # Of those that are held against each other; fewer decide nothing.
+LEAST_PAIRS = 7  # Of contestants that are held against each other; fewer decide nothing.
 MOST_PAIRS = 60
 MINUTES = 8  # After which no more pairs are drawn.
 
@@ -155,7 +155,7 @@ class Bench:
             self.draw_pairs(folder, deadline)
 
     def draw_pairs(self, folder, deadline):
-        """The least number whatever the time; then each load that is not decided gets as much time as the others."""
+        """First the least number for all; then each load that is not decided gets as much time as the others."""
         spent = dict.fromkeys(CONTESTANTS, 0.0)
         while True:
             wanted = {}
@@ -165,7 +165,7 @@ class Bench:
                         if self.verdict_of(ratio, limit) == "undecided" and len(self.ratios(ratio)) < MOST_PAIRS:
                             wanted.setdefault(ratio.load, set()).update({ratio.over, ratio.under} - {None})
             early = [load for load in wanted if self.turns[load] < LEAST_PAIRS]
-            if not wanted or (not early and time.monotonic() >= deadline):
+            if not wanted or time.monotonic() >= deadline:
                 return
             load = min(early or wanted, key=spent.get)
             start = time.monotonic()
@@ -451,7 +451,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true", help="one round of small loads: shows that everything runs")
     parser.add_argument("--minutes", type=float, default=MINUTES,
-                        help=f"after which no more than {LEAST_PAIRS} pairs are drawn (%(default)s)")
+                        help=f"after which no more pairs are drawn than those of {ROUNDS} rounds (%(default)s)")
     parser.add_argument("--folder", type=Path, default=PROJECT / "build/bench",
                         help="where the movies go (%(default)s)")
     parser.add_argument("--json", type=Path, help="file for every single measurement")
