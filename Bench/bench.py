@@ -110,7 +110,7 @@ class Cell:
 
 @dataclass(frozen=True)
 class Ratio:
-    """Of what `value` gives for the lines of two runners, (contestant, samples); of the first alone without a second."""
+    """Of `value` of the runner `over`, (contestant, samples), to that of `under`; `value` itself without `under`."""
 
     load: str
     over: tuple
@@ -148,7 +148,7 @@ class Bench:
 
     def run(self, folder):
         deadline = time.monotonic() + 60 * self.options.minutes
-        for number in range(1 if self.options.quick else ROUNDS):
+        for _ in range(1 if self.options.quick else ROUNDS):
             for load in CONTESTANTS:
                 self.take_turn(folder, load, self.runners(load))
         if not self.options.quick:
@@ -157,20 +157,20 @@ class Bench:
     def draw_pairs(self, folder, deadline):
         """First the least number for all; then each load that is not decided gets as much time as the others."""
         spent = dict.fromkeys(CONTESTANTS, 0.0)
-        while True:
-            wanted = {}
-            for limit in limits(self):
-                if self.verdict(limit) == "undecided":
-                    for ratio in limit.ratios:
-                        if self.verdict_of(ratio, limit) == "undecided" and len(self.ratios(ratio)) < MOST_PAIRS:
-                            wanted.setdefault(ratio.load, set()).update({ratio.over, ratio.under} - {None})
-            early = [load for load in wanted if self.turns[load] < LEAST_PAIRS]
-            if not wanted or time.monotonic() >= deadline:
-                return
-            load = min(early or wanted, key=spent.get)
-            start = time.monotonic()
-            self.take_turn(folder, load, [one for one in self.runners(load) if one in wanted[load]])
+        while (undecided := self.undecided()) and (start := time.monotonic()) < deadline:
+            early = [load for load in undecided if self.turns[load] < LEAST_PAIRS]
+            load = min(early or undecided, key=spent.get)
+            self.take_turn(folder, load, [runner for runner in self.runners(load) if runner in undecided[load]])
             spent[load] += time.monotonic() - start
+
+    def undecided(self):
+        """The runners of which more pairs may decide something, for each load that has any."""
+        found = {}
+        for limit in limits(self):
+            for ratio in limit.ratios if self.verdict(limit) == "undecided" else ():
+                if self.verdict_of(ratio, limit) == "undecided" and len(self.ratios(ratio)) < MOST_PAIRS:
+                    found.setdefault(ratio.load, set()).update((ratio.over, ratio.under))
+        return found
 
     def take_turn(self, folder, load, runners):
         """Neighbours change places every time, and who begins every second time."""
@@ -428,10 +428,10 @@ def report(bench, options, folder):
     if not options.quick:
         kind = (f"Figures are medians of {ROUNDS} turns or more. CPU: user and system time of all threads. Memory: how "
                 "far resident memory rises. In italics what the machine itself asks for the same bytes. What two "
-                "contestants are to each other is the median of their ratios within a turn, with the quartiles of these "
-                f"ratios. A limit is met, or not, where the {100 * LEVEL:.0f} % confidence interval of the median lies "
-                f"wholly on one side of it. Up to {MOST_PAIRS} pairs are drawn for that, for "
-                f"{options.minutes:g} minutes; what is open then is undecided.")
+                "contestants are to each other is the median of their ratios within a turn, with the quartiles of "
+                f"these ratios. A limit is met, or not, where the {100 * LEVEL:.0f} % confidence interval of the median "
+                f"lies wholly on one side of it. Up to {MOST_PAIRS} pairs are drawn for that, for {options.minutes:g} "
+                "minutes; what is open then is undecided.")
     tables = [editorial_table, tiny_table, many_table, growth_table, pieces_table, journal_table]
     tables += [] if options.quick else [bar_table]
     return "\n".join([f"{machine(options, folder)}; {', '.join(bench.versions())}. {kind}\n",
