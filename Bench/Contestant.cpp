@@ -47,15 +47,16 @@ std::int64_t StatusBytes(const std::string& inField)
     throw std::runtime_error("/proc/self/status has no field " + inField);
 }
 
-//! Takes as much memory as the load may need, the system's cache included, and gives it back, so that each contestant
-//! finds it in the same state: pages that a host took back from its virtual machine cost many times what others do.
-void WarmMemory(const Load& inLoad)
+//! Takes as much memory as the contestant may need, the system's cache included, and gives it back, so that each finds
+//! its own in the same state: pages that a host took back from its virtual machine cost many times what others do.
+void WarmMemory(const Contestant& inContestant, const Load& inLoad)
 {
     constexpr std::uint64_t kBytesPerPiece = 80; // More than anyone keeps.
     constexpr std::uint64_t kBesides = 64u << 20;
     const auto pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     const std::size_t free = static_cast<std::size_t>(sysconf(_SC_AVPHYS_PAGES)) * pageSize;
-    const Memory memory(std::min(inLoad.MediaSize() + kBytesPerPiece * inLoad.PieceCount() + kBesides, free / 2));
+    const std::uint64_t cached = inContestant.FillsCache() ? inLoad.MediaSize() : 0;
+    const Memory memory(std::min(cached + kBytesPerPiece * inLoad.PieceCount() + kBesides, free / 2));
     for (std::size_t place = 0; place < memory.Size(); place += pageSize)
     {
         static_cast<volatile char*>(memory.Data())[place] = 1;
@@ -86,7 +87,7 @@ void BringToDevice(const std::string& inPath)
 nlohmann::ordered_json Measure(Contestant& ioContestant, const Load& inLoad, const std::string& inPath)
 {
     using Clock = std::chrono::steady_clock;
-    WarmMemory(inLoad);
+    WarmMemory(ioContestant, inLoad);
     const std::uint64_t leastSize = ioContestant.LeastFileSize(inLoad);
     const std::int64_t memoryStart = RestartPeak();
     const double cpuStart = CpuSeconds();

@@ -33,6 +33,9 @@ public:
     //! What the file must hold at least; 0 when there is none.
     virtual std::uint64_t LeastFileSize(const Load& inLoad) const { return inLoad.MediaSize(); }
 
+    //! Whether the system's cache may come to hold all of the file.
+    virtual bool FillsCache() const { return true; }
+
     //! Of the library that does the work; empty where it is this project's.
     virtual std::string Version() const { return {}; }
 };

@@ -116,6 +116,8 @@ public:
         mOutput.reset();
     }
 
+    bool FillsCache() const override { return false; }
+
 private:
     std::unique_ptr<BlockOutput> mOutput;
 };
@@ -177,6 +179,8 @@ public:
         mOutput.reset();
     }
 
+    bool FillsCache() const override { return false; }
+
 private:
     std::unique_ptr<BlockOutput> mOutput;
 };
@@ -187,6 +191,7 @@ public:
     void Create(const Bench::Load&, const std::string&) override {}
     void Close() override {}
     std::uint64_t LeastFileSize(const Bench::Load&) const override { return 0; }
+    bool FillsCache() const override { return false; }
 };
 
 class Copy final : public WithoutFile

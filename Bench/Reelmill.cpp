@@ -64,6 +64,8 @@ public:
 
     void Close() override { Check(mMovie->Close()); }
 
+    bool FillsCache() const override { return false; }
+
 private:
     boost::shared_ptr<QT::Reelmill> mMovie;
     std::vector<QT::TrackID> mTracks;
