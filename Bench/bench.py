@@ -411,13 +411,14 @@ def journal_table(bench):
 
 def bar_table(bench):
     def figures(limit):
-        """Of the ratio that is nearest to the limit, or farthest beyond; rounded so that nothing looks better."""
-        worst = min if limit.at_least else max
-        ratios = worst((bench.ratios(ratio) for ratio in limit.ratios), key=statistics.median)
+        """Of the worst ratio of those that the verdict comes from; rounded so that nothing looks better."""
+        met = bench.verdict(limit)
+        deciding = [bench.ratios(ratio) for ratio in limit.ratios if bench.verdict_of(ratio, limit) == met]
+        ratios = (min if limit.at_least else max)(deciding, key=statistics.median)
         rounded = math.floor if limit.at_least else math.ceil
         lower, median, upper = (f"{rounded(ratio * 100) / 100:.2f}" for ratio in quartiles(ratios))
         return (limit.what, median, f"{lower} to {upper}", str(len(ratios)),
-                f"at {'least' if limit.at_least else 'most'} {limit.bound}", bench.verdict(limit))
+                f"at {'least' if limit.at_least else 'most'} {limit.bound}", met)
 
     return table("The bar", ("what", "median", "quartiles", "turns", "limit", "met"),
                  [figures(limit) for limit in limits(bench)])
