@@ -286,8 +286,9 @@ TEST_F(HostWrapReportTest, ProgressForPrograms)
     const std::string movie = MakeMovie();
     const Outcome quiet = RunHost({"wrap", movie, "-o", Path("out.mov"), "-q", "--progress=json"});
     EXPECT_EQ("", quiet.out);
-    EXPECT_EQ(quiet.err.size() - 1, quiet.err.find('\n'));
-    EXPECT_EQ(1, Json::parse(quiet.err).at("expectedSeconds"));
-    EXPECT_TRUE(Json::parse(quiet.err).at("done").get<bool>());
+    // A slow machine shows more lines, one a second.
+    const Json last = Json::parse(quiet.err.substr(quiet.err.rfind('\n', quiet.err.size() - 2) + 1));
+    EXPECT_EQ(1, last.at("expectedSeconds"));
+    EXPECT_TRUE(last.at("done").get<bool>());
     EXPECT_EQ(1, RunHost({"wrap", movie, "-o", Path("out.mov"), "--progress=loud"}).code);
 }

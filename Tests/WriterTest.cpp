@@ -572,7 +572,7 @@ TEST_F(WriterTest, NoMemoryForTheBlockFailsTheCreate)
 {
     if (!AllocationLimit::Works())
     {
-        GTEST_SKIP();
+        GTEST_SKIP() << "a memory checker has taken over operator new";
     }
     {
         AllocationLimit limit(16 << 20);

@@ -19,6 +19,21 @@ struct Outcome
     std::string err;
 };
 
+//! What was printed but for the lines of progress, which only a slow machine comes to: one every five seconds.
+inline std::string WithoutProgress(const std::string& inErrors)
+{
+    std::istringstream lines(inErrors);
+    std::string rest;
+    for (std::string line; std::getline(lines, line);)
+    {
+        if (line.empty() || line.front() < '0' || line.front() > '9')
+        {
+            rest += lines.eof() ? line : line + '\n';
+        }
+    }
+    return rest;
+}
+
 //! Runs the command in this process.
 inline Outcome RunHost(const std::vector<std::string>& inArguments)
 {
@@ -28,7 +43,7 @@ inline Outcome RunHost(const std::vector<std::string>& inArguments)
     std::ostringstream out;
     std::ostringstream err;
     const int code = Host::RunCommand(static_cast<int>(arguments.size()), arguments.data(), out, err);
-    return {code, out.str(), err.str()};
+    return {code, out.str(), WithoutProgress(err.str())};
 }
 
 //! Whether what a failed run printed is one sentence that ends with what to do.
