@@ -41,7 +41,7 @@ class Done:
 
 
 def run(*command):
-    done = subprocess.run([str(word) for word in command], capture_output=True, timeout=300)
+    done = subprocess.run([str(word) for word in command], capture_output=True)
     return Done(command, done.returncode, done.stdout.decode(errors="replace"), done.stderr.decode(errors="replace"))
 
 
@@ -416,6 +416,13 @@ class Scene:
         self.out = self.folder / "out.mov"
         self.part = self.folder / "out.mov.part"
         self.journal = self.folder / "out.mov.part.journal"
+
+    def part_size(self):
+        """-1 when it is not there."""
+        try:
+            return self.part.stat().st_size
+        except FileNotFoundError:
+            return -1
 
     def clear(self):
         shutil.rmtree(self.folder, ignore_errors=True)

@@ -1,10 +1,10 @@
 """What the tests share: rounds with a seed, faults from strace, and the way out of an interrupted wrap."""
 
+import functools
 import os
 import random
 import re
 import shutil
-import signal
 import subprocess
 import time
 import unittest
@@ -13,7 +13,8 @@ import movies
 from movies import Scene, figures, run
 
 ROUNDS = int(os.environ.get("CRASH_ROUNDS", "6"))
-SEED = int(os.environ.get("CRASH_SEED", "0")) or int(time.time())
+SEED = int(os.environ.get("CRASH_SEED", "1"))
+OLD = b"the movie that was there"
 KEEP = os.environ.get("CRASH_KEEP")  # A folder for the journals of rounds that failed.
 
 # Calls that change files. What else the command asks the system for only reads.
@@ -128,32 +129,16 @@ def describe(scene):
 # ---- Kills ----------------------------------------------------------------------------------------------------------
 
 
-def kill_later(command, seconds, number=signal.SIGKILL, again=None):
-    """Starts a command and sends it a signal after a while; another one `again` seconds later."""
+def kill_at(command, scene, size):
+    """Starts a command and kills it once the movie in the making has so many bytes."""
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     try:
-        time.sleep(seconds)
-        process.send_signal(number)
-        if again is not None:
-            time.sleep(again)
-            process.send_signal(number)
-        out, err = process.communicate(timeout=300)
-    except BaseException:
+        while process.poll() is None and scene.part_size() < size:
+            time.sleep(0.0005)
+    finally:
         process.kill()
-        process.wait()
-        raise
+        out, err = process.communicate()
     return movies.Done(command, process.returncode, out.decode(errors="replace"), err.decode(errors="replace"))
-
-
-def time_of(scene_command):
-    """How long a command takes that goes through."""
-    scene = Scene()
-    start = time.monotonic()
-    done = run(*scene_command(scene))
-    seconds = time.monotonic() - start
-    scene.clear()
-    assert done.code == 0, done
-    return seconds
 
 
 # ---- strace ---------------------------------------------------------------------------------------------------------
@@ -171,8 +156,20 @@ class Call:
         return (int(found.group(1)), int(found.group(1)) + int(found.group(2))) if found else (0, 0)
 
 
+@functools.cache
+def why_untraced():
+    """What keeps strace from its work; nothing where it can."""
+    try:
+        done = run("strace", "-o", os.devnull, "true")
+    except FileNotFoundError:
+        return "strace is not installed"
+    return f"strace may not trace here: {done.err.strip()}" if done.code != 0 else ""
+
+
 def trace(command, scene, inject=(), names=CHANGING + READING):
     """Runs a command under strace. Returns how it ended and its calls that concern the scene's files."""
+    if why_untraced():
+        raise unittest.SkipTest(why_untraced())
     log = movies.folder() / "strace.log"
     words = ["strace", "-f", "-y", "-s", "0", "-o", log, "-e", "trace=" + ",".join(names),
              "-e", "signal=none"]
@@ -188,6 +185,23 @@ def trace(command, scene, inject=(), names=CHANGING + READING):
             if str(scene.folder) in text:
                 calls.append(Call(name, counts[name], text))
     return done, calls
+
+
+def list_calls(reference, *more, names=CHANGING):
+    """The calls on its files of a wrap that goes through; with -y, of one that replaces a movie."""
+    scene = Scene()
+    if "-y" in more:
+        scene.out.write_bytes(OLD)
+    done, calls = trace(scene.wrap_command(reference, *more), scene, names=names)
+    scene.clear()
+    assert done.code == 0, done
+    return calls
+
+
+def media_blocks(calls):
+    """Those of the calls that write media, which all but the last do while samples are added."""
+    return [call for call in calls if call.name == "pwrite64" and "out.mov.part>" in call.text
+            and call.written()[0] >= movies.MEDIA_OFFSET]
 
 
 def written_end(calls):

@@ -4,7 +4,8 @@ import random
 import unittest
 
 import movies
-from scenes import CHANGING, READING, ROUNDS, SEED, CrashTest, count, trace, written_end
+from scenes import (CHANGING, OLD, READING, ROUNDS, SEED, CrashTest, count, list_calls, media_blocks, trace,
+                    written_end)
 
 FAULTS = {
     "pwrite64": ("ENOSPC", "EIO", "EDQUOT", "EFBIG", "EROFS"),
@@ -33,12 +34,7 @@ class Faults(CrashTest):
     @classmethod
     def list_points(cls, more):
         """Every call with every fault that it may meet."""
-        scene = movies.Scene()
-        if more:
-            scene.out.write_bytes(b"the movie that was there")
-        done, calls = trace(scene.wrap_command(movies.reference(), *more), scene)
-        scene.clear()
-        assert done.code == 0, done
+        calls = list_calls(movies.reference(), *more, names=CHANGING + READING)
         unknown = {call.name for call in calls} - set(FAULTS)
         if unknown & set(CHANGING):
             raise AssertionError(f"there are no faults for {unknown & set(CHANGING)}")
@@ -50,7 +46,7 @@ class Faults(CrashTest):
                 for fault in FAULTS.get(call.name, ()) for again in ("", "+")]
 
     def one(self, scene, call, fault, again, more=()):
-        old = b"the movie that was there" if more else None
+        old = OLD if more else None
         if old:
             scene.out.write_bytes(old)
         done, calls = trace(scene.wrap_command(self.reference, *more), scene,
@@ -106,9 +102,7 @@ class Faults(CrashTest):
         """The same on the recovery: it may be run again."""
         killed = movies.Scene()
         self.addCleanup(killed.clear)
-        _, calls = trace(killed.wrap_command(self.reference), killed, names=("pwrite64",))
-        killed.out.unlink()
-        blocks = [call for call in calls if "out.mov.part>" in call.text and call.written()[0] >= movies.MEDIA_OFFSET]
+        blocks = media_blocks(list_calls(self.reference, names=("pwrite64",)))
         trace(killed.wrap_command(self.reference), killed, [f"pwrite64:signal=KILL:when={blocks[2].ordinal}"])
         end = self.reference.whole_end(killed.part)
 

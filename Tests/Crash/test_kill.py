@@ -1,31 +1,36 @@
-"""SIGKILL at random moments of a wrap, and in the middle of the recovery after it."""
+"""SIGKILL of a wrap, and in the middle of the recovery after it."""
 
+import functools
 import json
 import shutil
-import time
 import unittest
 
 import movies
-from movies import run
-from scenes import CHANGING, ROUNDS, SEED, CrashTest, kill_later, time_of, trace, count
+from scenes import CHANGING, ROUNDS, SEED, CrashTest, count, kill_at, list_calls, media_blocks, trace
 
 
 class Kill(CrashTest):
-    def wrap_seconds(self):
-        return min(time_of(lambda scene: scene.wrap_command(self.reference)) for _ in range(2))
+    def killed(self, scene, random):
+        """Kills a wrap when its file has reached a size, which may be in the middle of a write."""
+        kill_at(scene.wrap_command(self.reference), scene, random.randrange(int(1.02 * self.reference.end)))
 
-    def killed(self, scene, random, seconds):
-        kill_later(scene.wrap_command(self.reference), random.uniform(0, 1.02) * seconds)
+    def killed_in_media(self, scene, random):
+        """Kills it when some media is in the file."""
+        block = random.choice(self.blocks()[2:])
+        trace(scene.wrap_command(self.reference), scene, [f"pwrite64:signal=KILL:when={block.ordinal}"])
+
+    @classmethod
+    @functools.cache
+    def blocks(cls):
+        return media_blocks(list_calls(movies.reference(), names=("pwrite64",)))
 
     def settle_killed(self, scene, path=None):
         """A kill takes nothing from the file: all of its length is media."""
         return self.settle(scene, least=scene.part.stat().st_size if scene.part.exists() else None, path=path)
 
-    def test_at_random_moments(self):
-        seconds = self.wrap_seconds()
-
+    def test_at_random_sizes(self):
         def once(scene, random):
-            self.killed(scene, random, seconds)
+            self.killed(scene, random)
             path = random.choice((None, scene.part)) if scene.part.exists() else None
             came_of_it = self.settle_killed(scene, path)
             count(f"SIGKILL of wrap: {came_of_it}")
@@ -33,8 +38,8 @@ class Kill(CrashTest):
         self.rounds(ROUNDS, once)
 
     def test_at_every_call(self):
-        """At each call that changes a file: moments that random ones seldom meet."""
-        calls = self.calls(lambda scene: scene.wrap_command(self.reference))
+        """At each call that changes a file."""
+        calls = list_calls(self.reference)
         step = max(1, len(calls) // (4 * ROUNDS))
 
         for call in calls[SEED % step::step]:
@@ -44,25 +49,10 @@ class Kill(CrashTest):
                 count(f"SIGKILL of wrap in {call.name}: {came_of_it}")
             self.rounds(1, once, name=f"{call.name} {call.ordinal} {call.text}")
 
-    @staticmethod
-    def calls(make_command):
-        scene = movies.Scene()
-        done, calls = trace(make_command(scene), scene, names=CHANGING)
-        scene.clear()
-        assert done.code == 0, done
-        return calls
-
     def test_recovery_killed(self):
-        """Recovery is killed too, at random moments or at each call, and run again."""
-        seconds = self.wrap_seconds()
-
+        """Recovery is killed too, at any call, and run again."""
         def once(scene, random):
-            while True:
-                self.killed(scene, random, seconds)
-                if scene.journal.exists() and self.reference.whole_end(scene.part) > movies.BLOCK:
-                    break
-                for path in scene.folder.iterdir():
-                    path.unlink()
+            self.killed_in_media(scene, random)
             end = self.reference.whole_end(scene.part)
             saved = movies.Scene()
             try:
@@ -74,17 +64,10 @@ class Kill(CrashTest):
                 self.reference.check(saved.out, exactly=end)
             finally:
                 saved.clear()
-            if random.random() < 0.3:
-                start = time.monotonic()
-                run(movies.reelmill(), "recover", scene.out, "--dry-run")
-                kill_later([movies.reelmill(), "recover", str(scene.out)],
-                           random.uniform(0, 1.5) * (time.monotonic() - start))
-                where = "at a random moment"
-            else:
-                call = random.choice(calls)
-                trace([movies.reelmill(), "recover", str(scene.out)], scene,
-                      [f"{call.name}:signal=KILL:when={call.ordinal}"])
-                where = f"in {call.name} {call.ordinal} of {len(calls)}"
+            call = random.choice(calls)
+            trace([movies.reelmill(), "recover", str(scene.out)], scene,
+                  [f"{call.name}:signal=KILL:when={call.ordinal}"])
+            where = f"in {call.name} {call.ordinal} of {len(calls)}"
             left = scene.names()
             again = scene.recover()
             self.assertEqual(again.code, 0, f"killed {where}, which left {left}: {again}")
@@ -95,13 +78,8 @@ class Kill(CrashTest):
         self.rounds(max(1, ROUNDS // 2), once)
 
     def test_copy_and_dry_run(self):
-        seconds = self.wrap_seconds()
-
         def once(scene, random):
-            while not scene.journal.exists() or self.reference.whole_end(scene.part) < movies.BLOCK:
-                for path in scene.folder.iterdir():
-                    path.unlink()
-                self.killed(scene, random, seconds)
+            self.killed_in_media(scene, random)
             before = scene.state()
             end = self.reference.whole_end(scene.part)
             path = random.choice((scene.out, scene.part))
@@ -132,15 +110,13 @@ class Kill(CrashTest):
 
         self.rounds(max(1, ROUNDS // 8), once)
 
+    @unittest.skipIf(ROUNDS < 8, "long rounds only: --rounds 8")
     def test_killed_behind_the_room(self):
-        """The 'moov' does not fit in front of the media. Long rounds only."""
-        if ROUNDS < 8:
-            return
+        """The 'moov' does not fit in front of the media."""
         self.reference = movies.many_reference()
-        seconds = self.wrap_seconds()
 
         def once(scene, random):
-            self.killed(scene, random, seconds)
+            self.killed(scene, random)
             count(f"SIGKILL of wrap, many samples: {self.settle_killed(scene)}")
 
         self.rounds(ROUNDS // 8, once)

@@ -1,10 +1,10 @@
-"""SIGINT, SIGTERM and SIGHUP during a wrap: the movie is closed; a second one ends the process at once."""
+"""SIGINT, SIGTERM and SIGHUP at calls of a wrap: the movie is closed; a second one ends the process at once."""
 
 import signal
 import unittest
 
 import movies
-from scenes import ROUNDS, CrashTest, count, kill_later, time_of
+from scenes import OLD, ROUNDS, CrashTest, count, list_calls, media_blocks, trace
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
@@ -13,13 +13,16 @@ class Signals(CrashTest):
     @classmethod
     def setUpClass(cls):
         cls.reference = movies.reference()
-        cls.seconds = min(time_of(lambda scene: scene.wrap_command(cls.reference)) for _ in range(2))
+        cls.calls = list_calls(cls.reference)
+        cls.blocks = media_blocks(cls.calls)
+
+    def signalled(self, scene, number, call, when, *more):
+        done, _ = trace(scene.wrap_command(self.reference, *more), scene,
+                        [f"{call.name}:signal={number.name}:when={when}"])
+        return done
 
     def check_closed(self, scene, done):
         """The movie is in its place, or nothing is there."""
-        if done.code < 0:
-            self.assertEqual(scene.names(), [], "it ended before it listened")
-            return "too early"
         if done.code == 0:
             self.assertEqual(scene.names(), ["out.mov"])
             self.reference.check(scene.out, exactly=self.reference.end)
@@ -33,8 +36,8 @@ class Signals(CrashTest):
 
     def test_once(self):
         def once(scene, random):
-            number = random.choice(SIGNALS)
-            done = kill_later(scene.wrap_command(self.reference), random.uniform(0, 1.02) * self.seconds, number)
+            number, call = random.choice(SIGNALS), random.choice((*self.calls, *self.blocks))
+            done = self.signalled(scene, number, call, call.ordinal)
             count(f"{number.name}: {self.check_closed(scene, done)}")
 
         self.rounds(ROUNDS, once)
@@ -42,25 +45,22 @@ class Signals(CrashTest):
     def test_does_not_replace(self):
         """With -y the movie that was there stays as it was, unless the new one is complete."""
         def once(scene, random):
-            scene.out.write_bytes(b"the movie that was there")
-            number = random.choice(SIGNALS)
-            done = kill_later(scene.wrap_command(self.reference, "-y"), random.uniform(0.3, 0.9) * self.seconds, number)
-            if done.code == 0:
-                return
+            scene.out.write_bytes(OLD)
+            number, call = random.choice(SIGNALS), random.choice(self.blocks[:-1])
+            done = self.signalled(scene, number, call, call.ordinal, "-y")
             self.assert_failed(done, scene)
-            self.assertEqual(scene.out.read_bytes(), b"the movie that was there")
-            self.assertFalse(scene.journal.exists())
-            if scene.part.exists():
-                self.reference.check(scene.part, early=True)
-            count(f"{number.name}, -y: {'closed beside' if scene.part.exists() else 'nothing written'}")
+            self.assertEqual(scene.out.read_bytes(), OLD)
+            self.assertEqual(scene.names(), ["out.mov", "out.mov.part"])
+            self.reference.check(scene.part, early=True)
+            count(f"{number.name}, -y: closed beside")
 
         self.rounds(max(2, ROUNDS // 4), once)
 
     def test_twice(self):
+        """The second at the next write or at one soon after."""
         def once(scene, random):
-            number = random.choice(SIGNALS)
-            done = kill_later(scene.wrap_command(self.reference), random.uniform(0.2, 0.95) * self.seconds, number,
-                              again=random.choice((0, random.uniform(0, 0.05))))
+            number, call, gap = random.choice(SIGNALS), random.choice(self.blocks), random.randint(1, 4)
+            done = self.signalled(scene, number, call, f"{call.ordinal}..{call.ordinal + gap}+{gap}")
             if done.code in (0, 3):
                 count(f"{number.name} twice: {self.check_closed(scene, done)}")
                 return

@@ -5,7 +5,7 @@ import shutil
 import unittest
 
 import movies
-from scenes import ROUNDS, CrashTest, count, trace
+from scenes import ROUNDS, CrashTest, count, list_calls, media_blocks, trace
 
 
 class Torn(CrashTest):
@@ -15,10 +15,7 @@ class Torn(CrashTest):
     def setUpClass(cls):
         cls.reference = movies.reference()
         cls.killed, cls.closing = movies.Scene(), movies.Scene()
-        done, calls = trace(cls.killed.wrap_command(cls.reference), cls.killed, names=("pwrite64",))
-        assert done.code == 0, done
-        cls.killed.out.unlink()
-        blocks = [call for call in calls if "out.mov.part>" in call.text and call.written()[0] >= movies.MEDIA_OFFSET]
+        blocks = media_blocks(list_calls(cls.reference, names=("pwrite64",)))
         # Before the last block is written, and when all of the media is there.
         for scene, ordinal in ((cls.killed, blocks[-1].ordinal), (cls.closing, blocks[-1].ordinal + 1)):
             trace(scene.wrap_command(cls.reference), scene, [f"pwrite64:signal=KILL:when={ordinal}"])
