@@ -20,7 +20,7 @@ def program(variable):
 
 def run(*command, check=True):
     """Standard output, as text. Standard error is part of the message when the command fails."""
-    done = subprocess.run(command, capture_output=True, timeout=300)
+    done = subprocess.run(command, capture_output=True)
     if check and done.returncode != 0:
         raise RuntimeError(f"{command} ended with {done.returncode}: {done.stderr.decode(errors='replace')}")
     return done.stdout.decode()

@@ -1,5 +1,6 @@
 """The map of a movie as a browser shows it."""
 
+import os
 import pathlib
 import re
 import struct
@@ -62,11 +63,12 @@ class Map(unittest.TestCase):
         subprocess.run([REELMILL, "demo", "-q", cls.movie], check=True)
         subprocess.run([REELMILL, "map", cls.movie, "-o", cls.page], check=True)
         subprocess.run(
-            ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+            ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--disable-quic", "--no-first-run",
              "--disable-background-networking", "--disable-component-update", "--disable-sync",
              f"--user-data-dir={cls.path}/profile", "--window-size=1300,1000", f"--screenshot={cls.picture}",
              cls.page.as_uri()],
-            check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=120,
+            check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env={**os.environ, "HOME": cls.folder.name},
         )  # fmt: skip
 
     def test_page_needs_nothing_else(self):

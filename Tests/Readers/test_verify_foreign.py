@@ -130,8 +130,10 @@ def ffmpeg(*arguments):
 
 
 def gstreamer(path, muxer, inputs, **files):
-    branches = [branch.format(**files) + ("queue ! m." if branch.endswith("! ") else "") for branch in inputs]
-    readers.run("gst-launch-1.0", "-q", *f"{muxer} name=m ! filesink location={path} {' '.join(branches)}".split())
+    branches = [branch + ("queue ! m." if branch.endswith("! ") else "") for branch in inputs]
+    pipeline = f"{muxer} name=m ! filesink location={{path}} {' '.join(branches)}"
+    # Paths are put in last: they may have spaces.
+    readers.run("gst-launch-1.0", "-q", *(word.format(path=path, **files) for word in pipeline.split()))
 
 
 class Foreign(unittest.TestCase):
@@ -183,8 +185,7 @@ class Foreign(unittest.TestCase):
     def test_all_are_sound(self):
         paths = [self.path(name) for name in self.movies()]
         self.assertGreaterEqual(len(paths), len(ENCODED) + len(COPIED) + len(GSTREAMER))
-        done = subprocess.run([readers.program("REELMILL"), "verify", "--json", *paths], capture_output=True,
-                              timeout=300)
+        done = subprocess.run([readers.program("REELMILL"), "verify", "--json", *paths], capture_output=True)
         results = json.loads(done.stdout)
         self.assertEqual([result["file"] for result in results], paths)
         for result in results:
@@ -199,7 +200,7 @@ class Foreign(unittest.TestCase):
         cut = self.path("cut.bin")
         with open(cut, "wb") as file:
             file.write(content[:len(content) // 2])
-        done = subprocess.run([readers.program("REELMILL"), "verify", "--json", cut], capture_output=True, timeout=300)
+        done = subprocess.run([readers.program("REELMILL"), "verify", "--json", cut], capture_output=True)
         self.assertFalse(json.loads(done.stdout)[0]["sound"])
         self.assertEqual(done.returncode, 4)
 
