@@ -16,7 +16,7 @@ testPackages=(
     libgtest-dev libgmock-dev python3 clang
     ffmpeg mediainfo libimage-exiftool-perl quicktime-utils chromium fonts-dejavu-core
     gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
-    strace mount e2fsprogs xfsprogs btrfs-progs
+    strace mount groff-base e2fsprogs xfsprogs btrfs-progs
     libbenchmark-dev valgrind
 )
 # The peers that the benchmark runs beside.
@@ -25,6 +25,7 @@ benchPackages=(
     libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-good
     nlohmann-json3-dev python3
 )
+stressPackages=(faketime)
 showPackages=(ffmpeg)
 fuzzPackages=(clang libclang-rt-14-dev)
 checkPackages=("${fuzzPackages[@]}" clang-format clang-tidy clang-tools valgrind)
@@ -54,5 +55,18 @@ quietly()
     "$@" >"$log" 2>&1 || status=$?
     [ $status -eq 0 ] || cat "$log" >&2
     rm -f "$log"
+    return $status
+}
+
+# Runs a test preset with further arguments of ctest, then tells what could not run here and why. Exit status: ctest's.
+passTests()
+{
+    local status=0 skipped=$projectDir/build/$1/Skipped
+    rm -rf "$skipped"
+    ctest --preset "$@" || status=$?
+    if [ -d "$skipped" ]; then
+        printf '\nNot run here:\n'
+        sed 's/^/  /' "$skipped"/*
+    fi
     return $status
 }

@@ -62,11 +62,9 @@ if [ -x "$prefix/bin/reelmill" ]; then
 
     page=$(find "$prefix" -path '*/man1/reelmill.1')
     [ -s "$page" ] || fail "no manual page was installed"
-    if command -v groff >/dev/null; then
-        groff -man -ww -Tutf8 -P-cbu "$page" >"$work/page" 2>"$work/log" || fail "groff ended with $?"
-        [ ! -s "$work/log" ] || { cat "$work/log"; fail "groff warns about the manual page"; }
-        grep -q -e '--timecode' "$work/page" || fail "the manual page does not explain --timecode"
-    fi
+    groff -man -ww -Tutf8 -P-cbu "$page" >"$work/page" 2>"$work/log" || fail "groff ended with $?"
+    [ ! -s "$work/log" ] || { cat "$work/log"; fail "groff warns about the manual page"; }
+    grep -q -e '--timecode' "$work/page" || fail "the manual page does not explain --timecode"
 
     completion=$(find "$prefix" -path '*/bash-completion/completions/reelmill')
     [ -s "$completion" ] || fail "no tab completion was installed"
@@ -132,9 +130,10 @@ for compiler in g++ clang++; do
         if [ $static = ON ]; then
             flags=$(pkg-config --static --cflags --libs reelmill | sed 's/-lreelmill/-l:libreelmill.a/')
         else
-            flags="$(pkg-config --cflags --libs reelmill) -Wl,-rpath,$(pkg-config --variable=libdir reelmill)"
+            flags="$(pkg-config --cflags --libs reelmill) '-Wl,-rpath,$(dirname "$library")'"
         fi
-        "$compiler" -std=c++17 $warnings -o host "$work/consumer/Host.cpp" $flags || fail "$what: does not build"
+        # pkg-config escapes the spaces of a path for the shell.
+        eval '"$compiler" -std=c++17 $warnings -o host "$work/consumer/Host.cpp"' "$flags" || fail "$what: does not build"
         run_host ./host "$what"
         [ $static = ON ] && check_linkage host 0 || check_linkage host 1
     done
