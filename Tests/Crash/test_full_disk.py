@@ -96,7 +96,7 @@ class Volumes(FullTest):
     def on_volume(self, kind):
         with volume(kind) as where:
             def once(scene, random):
-                rest = random.choice((random.randrange(0, 4 * MIB), random.randrange(0, 180 * MIB)))
+                rest = random.choice((random.randrange(0, 4 * MIB), random.randrange(0, int(1.1 * self.reference.end))))
                 more = random.choice(((), (), ("-y",)))
                 if more:
                     scene.out.write_bytes(OLD)
