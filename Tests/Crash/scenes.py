@@ -6,7 +6,6 @@ import random
 import re
 import shutil
 import subprocess
-import time
 import unittest
 
 import movies
@@ -134,7 +133,7 @@ def kill_at(command, scene, size):
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     try:
         while process.poll() is None and scene.part_size() < size:
-            time.sleep(0.0005)
+            os.sched_yield()
     finally:
         process.kill()
         out, err = process.communicate()
