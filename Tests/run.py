@@ -79,7 +79,7 @@ def main():
         options.skips.write_text("".join(f"{options.skips.name}: {test}: {reason}\n" for test, reason in skips))
     if status < 0:
         print(f"{options.command[0]} was ended by signal {-status}", file=sys.stderr)
-    return SKIPPED if is_all and status == 0 else 1 if status < 0 else status
+    return SKIPPED if skips and is_all and status == 0 else 1 if status < 0 else status
 
 
 if __name__ == "__main__":
