@@ -33,7 +33,8 @@ def volume(kind):
         command = ["mount", "-t", kind, "-o", "loop", image, where]
     mounted = run(*command)
     if mounted.code != 0:
-        raise unittest.SkipTest(f"no {kind} volume can be mounted here: {mounted.err.strip()}")
+        reason = mounted.err.splitlines()[0].rpartition(": ")[2]
+        raise unittest.SkipTest(f"no {kind} volume can be mounted here: {reason}")
     try:
         yield where
     finally:
