@@ -48,7 +48,7 @@ def run_unittest(path, arguments):
     module = importlib.import_module(path.stem)
     result = (module.run_tests(arguments) if hasattr(module, "run_tests") else
               unittest.main(module, argv=[path.name, *arguments], exit=False).result)
-    skips = [(test.id().removeprefix(f"{path.stem}."), reason.splitlines()[0]) for test, reason in result.skipped]
+    skips = [(test.id().removeprefix(f"{path.stem}."), (reason.splitlines() or [""])[0]) for test, reason in result.skipped]
     return 0 if result.wasSuccessful() else 1, skips, len(dict(skips)) >= result.testsRun
 
 
