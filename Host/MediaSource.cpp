@@ -1,15 +1,13 @@
 #include "MediaSource.h"
 
 #include "CommandError.h"
+#include "ImageSequence.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
-#include <map>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -46,113 +44,10 @@ private:
     AVDictionary* mDictionary = nullptr;
 };
 
-//! A file name split around its number: "shot_%04d.png".
-struct NumberPattern
-{
-    std::string prefix;
-    std::string suffix;
-    std::size_t width = 0; //!< Digits that shorter numbers are filled up to with zeros.
-};
-
-//! True when `inName` holds one %d or %0Nd.
-bool ParsePattern(const std::string& inName, NumberPattern& outPattern)
-{
-    const std::size_t percent = inName.find('%');
-    if (percent == std::string::npos)
-    {
-        return false;
-    }
-    const std::size_t end = inName.find_first_not_of("0123456789", percent + 1);
-    if (end == std::string::npos || inName[end] != 'd' || inName.find('%', end) != std::string::npos)
-    {
-        return false;
-    }
-    outPattern.prefix = inName.substr(0, percent);
-    outPattern.suffix = inName.substr(end + 1);
-    outPattern.width = 0;
-    const char* digits = inName.data() + percent + 1;
-    return digits == inName.data() + end ||
-           std::from_chars(digits, inName.data() + end, outPattern.width).ec == std::errc();
-}
-
-//! The number in a file name of the pattern, -1 in any other.
-long long NumberInName(const std::string& inName, const NumberPattern& inPattern)
-{
-    const std::size_t fixed = inPattern.prefix.size() + inPattern.suffix.size();
-    if (inName.size() <= fixed || inName.compare(0, inPattern.prefix.size(), inPattern.prefix) != 0 ||
-        inName.compare(inName.size() - inPattern.suffix.size(), std::string::npos, inPattern.suffix) != 0)
-    {
-        return -1;
-    }
-    const std::string digits = inName.substr(inPattern.prefix.size(), inName.size() - fixed);
-    int number = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (error != std::errc() || end != digits.data() + digits.size() || number < 0 ||
-        fmt::format("{:0{}}", number, inPattern.width) != digits)
-    {
-        return -1;
-    }
-    return number;
-}
-
-//! The images of a sequence by number. Throws CommandError when the folder cannot be read.
-std::map<long long, std::string> ListImages(const std::string& inPath, const NumberPattern& inPattern)
-{
-    const fs::path parent = fs::path(inPath).parent_path();
-    std::map<long long, std::string> images;
-    std::error_code error;
-    for (fs::directory_iterator entry(parent.empty() ? fs::path(".") : parent, error), end; !error && entry != end;
-         entry.increment(error))
-    {
-        const long long number = NumberInName(entry->path().filename().string(), inPattern);
-        if (number >= 0)
-        {
-            images.emplace(number, entry->path().string());
-        }
-    }
-    if (error)
-    {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("the folder of \"{}\" cannot be read: {}; check its name and permissions",
-                                       inPath, error.message()));
-    }
-    return images;
-}
-
-//! The number of the first image. libavformat ends a sequence silently at a number that is missing, so a sequence with
-//! a gap is refused here.
-long long FirstImageNumber(const std::string& inPath, const NumberPattern& inPattern)
-{
-    const std::map<long long, std::string> images = ListImages(inPath, inPattern);
-    if (images.empty())
-    {
-        throw CommandError(ExitCode::kIOFailed,
-                           fmt::format("no file is named like \"{}\"; check the folder and the number of digits, "
-                                       "where %04d stands for four",
-                                       inPath));
-    }
-    const auto gap = std::adjacent_find(images.begin(), images.end(), [](const auto& inLeft, const auto& inRight) {
-        return inRight.first != inLeft.first + 1;
-    });
-    if (gap != images.end())
-    {
-        throw CommandError(ExitCode::kInputRefused,
-                           fmt::format("the image sequence \"{}\" has no image {}, but goes on with {}; complete it",
-                                       inPath, gap->first + 1, std::next(gap)->first));
-    }
-    return images.begin()->first;
-}
-
 bool IsPicturePipe(const AVInputFormat& inFormat)
 {
     const std::string name = inFormat.name;
     return name == "image2" || (name.size() > 5 && name.compare(name.size() - 5, 5, "_pipe") == 0);
-}
-
-bool HasSequencePattern(const std::string& inPath, NumberPattern& outPattern)
-{
-    std::error_code error;
-    return ParsePattern(fs::path(inPath).filename().string(), outPattern) && !fs::exists(inPath, error);
 }
 
 //! Whether the stream's content is known without its packets: that of a timecode or a chapter track.
@@ -189,11 +84,11 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool
     options.Set("protocol_whitelist", "file");
     const std::string rate = fmt::format("{}/{}", inFrameRate.num, inFrameRate.den);
     const AVInputFormat* format = nullptr;
-    NumberPattern pattern;
-    if (HasSequencePattern(inPath, pattern))
+    if (ImageSequence::IsNamedBy(inPath))
     {
+        mImages = std::make_unique<ImageSequence>(inPath);
         format = av_find_input_format("image2");
-        options.Set("start_number", std::to_string(FirstImageNumber(inPath, pattern)));
+        options.Set("start_number", std::to_string(mImages->GetFirstNumber()));
         options.Set("start_number_range", kStartNumberRange);
     }
     else
@@ -215,6 +110,7 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool
     int result = avformat_open_input(&opened, ("file:" + inPath).c_str(), format, options.Get());
     if (result < 0)
     {
+        CheckImages();
         FailOpen(inPath, result);
     }
     mFormat.reset(opened);
@@ -224,12 +120,29 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool
             ExitCode::kUsage,
             fmt::format("\"{}\" is an image sequence without times; give its frame rate with --fps", inPath));
     }
+    if (IsPicturePipe(*mFormat->iformat) && mImages == nullptr)
+    {
+        mImages = std::make_unique<ImageSequence>(inPath);
+    }
     result = avformat_find_stream_info(mFormat.get(), nullptr);
+    CheckImages();
     if (result < 0)
     {
         FailOpen(inPath, result);
     }
     SelectStreams(inAudioOnly);
+}
+
+MediaSource::~MediaSource() = default;
+
+//! Refuses images that do not make a sequence, before libavformat's own, nameless failure.
+void MediaSource::CheckImages()
+{
+    if (mImages != nullptr)
+    {
+        const bool isKnown = mFormat != nullptr && mFormat->nb_streams == 1;
+        mImages->CheckFiles(isKnown ? mFormat->streams[0]->codecpar->codec_id : AV_CODEC_ID_NONE);
+    }
 }
 
 void MediaSource::SelectStreams(bool inAudioOnly)
@@ -290,6 +203,10 @@ PacketPtr MediaSource::ReadPacket()
         }
         const int result = av_read_frame(mFormat.get(), packet.get());
         const int streamError = mFormat->pb != nullptr ? mFormat->pb->error : 0;
+        if (result < 0 && mImages != nullptr)
+        {
+            mImages->CheckEnd(result);
+        }
         if (result == AVERROR_EOF && (streamError == 0 || streamError == AVERROR_EOF))
         {
             return nullptr;
@@ -306,6 +223,10 @@ PacketPtr MediaSource::ReadPacket()
         });
         if (isTaken)
         {
+            if (mImages != nullptr)
+            {
+                mImages->CheckNext({packet->data, static_cast<std::size_t>(packet->size)});
+            }
             return packet;
         }
     }
@@ -313,8 +234,7 @@ PacketPtr MediaSource::ReadPacket()
 
 bool MediaSource::IsImageSequence(const std::string& inPath)
 {
-    NumberPattern pattern;
-    if (HasSequencePattern(inPath, pattern))
+    if (ImageSequence::IsNamedBy(inPath))
     {
         return true;
     }
@@ -329,17 +249,7 @@ bool MediaSource::IsImageSequence(const std::string& inPath)
 
 std::vector<std::string> MediaSource::FilesOf(const std::string& inPath)
 {
-    NumberPattern pattern;
-    if (!HasSequencePattern(inPath, pattern))
-    {
-        return {inPath};
-    }
-    std::vector<std::string> files;
-    for (const auto& [number, file] : ListImages(inPath, pattern))
-    {
-        files.push_back(file);
-    }
-    return files;
+    return ImageSequence::IsNamedBy(inPath) ? ImageSequence::ListFiles(inPath) : std::vector{inPath};
 }
 
 std::string DescribeStream(const MediaSource& inSource, const AVStream& inStream)

@@ -9,6 +9,8 @@
 namespace Host
 {
 
+class ImageSequence;
+
 //! One input: a file, or an image sequence named by a pattern, opened with libavformat. Of its streams the first video
 //! and all audio are taken; attached pictures are no video.
 class MediaSource
@@ -20,8 +22,10 @@ public:
     //! \param inAudioOnly  takes no video; whether there is any audio is for the caller to check
     //!
     //! Throws CommandError: `kIOFailed` when it cannot be opened or read, `kInputRefused` when it holds no media that
-    //! libavformat knows, neither video nor audio, an image sequence with a gap or without a frame rate.
+    //! libavformat knows, neither video nor audio, an image sequence with a gap, without a frame rate or with images
+    //! that are empty, cut off or not alike.
     MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly = false);
+    ~MediaSource();
 
     //! As the user gave it.
     const std::string& GetPath() const { return mPath; }
@@ -41,7 +45,8 @@ public:
     //! known.
     double GetMaximumSeconds() const;
 
-    //! The next packet of one of `GetStreams`, unchanged; null at the end. Throws CommandError when reading fails.
+    //! The next packet of one of `GetStreams`, unchanged; null at the end. Throws CommandError when reading fails, or an
+    //! image is missing or has changed since it was checked.
     PacketPtr ReadPacket();
 
     //! Whether `inPath` names an image sequence: a file name with a number pattern such as %04d, of which there is no
@@ -57,9 +62,11 @@ private:
         void operator()(AVFormatContext* inFormat) const { avformat_close_input(&inFormat); }
     };
 
+    void CheckImages();
     void SelectStreams(bool inAudioOnly);
 
     std::string mPath;
+    std::unique_ptr<ImageSequence> mImages; //!< Null for other inputs.
     std::unique_ptr<AVFormatContext, FormatCloser> mFormat;
     std::vector<AVStream*> mStreams;
     std::vector<std::string> mNotes;

@@ -3,6 +3,7 @@
 #include "Support/TempDirectory.h"
 
 #include <Host/CommandError.h>
+#include <Host/MediaSource.h>
 #include <Host/MovieLayout.h>
 #include <Host/MovieWriter.h>
 #include <Host/Progress.h>
@@ -169,6 +170,100 @@ TEST_F(HostWrapTest, RefusesAnImageSequenceWithAGap)
     fs::remove(Path("out.mov"));
     fs::remove(Path("frame10.png"));
     ExpectRefusal(2, "has no image 10, but goes on with 11", arguments);
+}
+
+TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
+{
+    const struct
+    {
+        std::string suffix;
+        std::string options;
+        std::string otherPixels;
+    } kinds[] = {{"png", "", "gray"},
+                 {"jpg", "-pix_fmt yuvj420p", "yuvj422p"},
+                 {"tif", "", "gray"},
+                 {"tga", "", "gray"},
+                 {"j2k", "-c:v jpeg2000 -format j2k", "gray"},
+                 {"jp2", "-c:v jpeg2000 -format jp2", "gray"}};
+    for (const auto& [suffix, options, otherPixels] : kinds)
+    {
+        SCOPED_TRACE(suffix);
+        const auto picture = [&options = options](const std::string& inSize) {
+            return "-f lavfi -i testsrc2=s=" + inSize + ":r=25:d=1 " + options + " ";
+        };
+        const auto read = [this, &suffix = suffix](const std::string& inName) {
+            return Text(ReadFile(Path(inName + "." + suffix)));
+        };
+        MakeMedia(picture("64x48") + "-frames:v 4", Path("image%d." + suffix));
+        MakeMedia(picture("48x64") + "-frames:v 1", Path("size." + suffix));
+        MakeMedia(picture("64x48") + "-frames:v 1 -pix_fmt " + otherPixels, Path("form." + suffix));
+        const std::vector<std::string> arguments = {"wrap", Path("image%d." + suffix), "-o", Path("out.mov"), "--fps",
+                                                    "25"};
+        const Outcome good = RunHost(arguments);
+        EXPECT_EQ(0, good.code) << good.err;
+        EXPECT_NE(std::string::npos, good.out.find("4 frames")) << good.out;
+        fs::remove(Path("out.mov"));
+        const std::string third = "image3." + suffix + "\" ";
+        const std::string whole = read("image3");
+        const std::string cut =
+            suffix == "tif" ? "is no tiff image" : "is cut off"; // What says its form is at its end.
+        for (const auto& [content, reason] : {std::pair<std::string, std::string>{"", "is empty"},
+                                              {whole.substr(0, whole.size() / 2), cut},
+                                              {whole.substr(0, whole.size() - 30), cut},
+                                              {whole.substr(0, 7), "is no "},
+                                              {read("size"), "has 48x64 pixels, and the images before it have 64x48"},
+                                              {read("form"), "has pixels of another form ("}})
+        {
+            WriteFile(Path("image3." + suffix), content);
+            ExpectRefusal(2, third + reason, arguments);
+        }
+        fs::rename(Path("image3." + suffix), Path("kept")); // "form"
+        fs::create_directory(Path("image3." + suffix));
+        ExpectRefusal(2, third + "is a folder", arguments);
+        fs::remove(Path("image3." + suffix));
+        fs::create_symlink(Path("nowhere"), Path("image3." + suffix));
+        ExpectRefusal(3, third + "cannot be read", arguments);
+        fs::remove(Path("image3." + suffix));
+        WriteFile(Path("image1." + suffix), whole.substr(0, whole.size() - 30));
+        ExpectRefusal(2, "image1." + suffix, {"wrap", Path("image1." + suffix), "-o", Path("out.mov"), "--fps", "25"});
+    }
+    // What stands behind an image is no fault of it.
+    for (const std::string suffix : {"png", "jpg"})
+    {
+        WriteFile(Path("image1." + suffix), Text(ReadFile(Path("image2." + suffix))) + std::string(70000, '\0'));
+        fs::copy_file(Path("image2." + suffix), Path("image3." + suffix));
+        EXPECT_EQ(0, RunHost({"wrap", Path("image%d." + suffix), "-o", Path("out.mov"), "--fps", "25", "-y"}).code);
+    }
+}
+
+TEST_F(HostWrapTest, AnImageThatChangesOnceItIsListedEndsTheMovieByName)
+{
+    const std::string last = Path("image40.png");
+    for (const auto& [content, reason] : {std::pair<const char*, std::string>{nullptr, "No such file"},
+                                          {"", "it is empty"},
+                                          {"something else", "is no png image"}})
+    {
+        MakeMedia("-f lavfi -i testsrc2=s=64x48:r=40:d=1", Path("image%d.png"));
+        Host::MediaSource source(Path("image%d.png"), {2, 1});
+        fs::remove(last);
+        if (content != nullptr)
+        {
+            WriteFile(last, content);
+        }
+        try
+        {
+            for (int count = 0; count < 40; ++count)
+            {
+                EXPECT_NE(nullptr, source.ReadPacket());
+            }
+            FAIL() << reason;
+        }
+        catch (const Host::CommandError& error)
+        {
+            EXPECT_NE(std::string::npos, std::string(error.what()).find("image40.png\" ")) << error.what();
+            EXPECT_NE(std::string::npos, std::string(error.what()).find(reason)) << error.what();
+        }
+    }
 }
 
 TEST_F(HostWrapTest, RefusesWhatGoesWrongOnTheWay)
