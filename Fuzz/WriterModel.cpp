@@ -376,7 +376,8 @@ void CheckClosed(const Movie& inMovie, Tolbin::Result inCloseResult, const Bytes
     Inspect::VerifyMovie(found, findings);
     for (const Inspect::Finding& finding : findings.List())
     {
-        const bool isHosts = finding.check == "reference-kind" || finding.check == "timecode-duration";
+        const bool isHosts = finding.check == "reference-kind" || finding.check == "timecode-duration" ||
+                             finding.check == "media-kind" || finding.check == "user-text";
         Require(finding.severity != Inspect::Severity::kError || isHosts || !IsSane(inMovie),
                 finding.check + ": " + finding.what);
     }

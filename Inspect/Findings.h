@@ -46,11 +46,13 @@ inline constexpr std::array kChecks = std::to_array<std::string_view>({
     "external-media",    //!< The media lies in this file.
     "field",             //!< 'fiel' counts one field or two.
     "fragments",         //!< The movie has no fragments, or has announced them ('mvex').
+    "frame-short",       //!< Uncompressed frames have bytes for all of their pixels.
     "ftyp-order",        //!< 'ftyp' stands in front of the movie and its media.
     "generic-header",    //!< 'gmhd' holds 'gmin' and what its kind of media needs.
     "handler",           //!< The kind of media is a known one.
     "media-duration",    //!< 'mdhd' lasts as long as the samples.
     "media-header",      //!< The media information header is the one for the kind of media.
+    "media-kind",        //!< Descriptions and samples are of the kind of media that the track has.
     "media-unused",      //!< Every byte of an 'mdat' belongs to a track.
     "moov-in-media",     //!< No 'moov' hides in an 'mdat' of a file that has none.
     "moov-twice",        //!< The file has one 'moov'.
@@ -68,6 +70,7 @@ inline constexpr std::array kChecks = std::to_array<std::string_view>({
     "no-tracks",         //!< The movie has tracks.
     "offset-width",      //!< Chunk offsets are as wide as the file needs.
     "payload-limit",     //!< The atoms that describe the movie are of a size that can be read.
+    "picture",           //!< PNG, JPEG, TIFF, TGA and JPEG 2000 samples are such pictures, of the size described.
     "pixel-aspect",      //!< 'pasp' has no 0.
     "reference-kind",    //!< A timecode reference leads to timecode, a chapter reference to what can be chapters.
     "reference-none",    //!< No reference leads to track 0.
@@ -79,7 +82,7 @@ inline constexpr std::array kChecks = std::to_array<std::string_view>({
     "sound-frame",       //!< Channels and sample size of PCM make its frame size.
     "sound-labels",      //!< 'chan' has as many channels as the sound.
     "sound-rate",        //!< A sound description has a sample rate.
-    "sound-size",        //!< Samples of PCM have the size of its frames.
+    "sound-size",        //!< Samples of PCM are whole frames.
     "stsc-count",        //!< The chunks hold as many samples as 'stsz' counts.
     "stsc-description",  //!< Chunks use descriptions that exist.
     "stsc-empty",        //!< Chunks hold samples.
@@ -99,6 +102,7 @@ inline constexpr std::array kChecks = std::to_array<std::string_view>({
     "track-id",          //!< Every track has an ID of its own.
     "track-size",        //!< Video is shown with a size.
     "trailing-bytes",    //!< Nothing follows the last atom.
+    "user-text",         //!< Texts of user data have their length and language in front.
     "video-size",        //!< A video description has a width and a height.
 });
 

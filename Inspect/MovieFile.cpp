@@ -66,6 +66,12 @@ const SoundFormat* FormatOfFrames(const Track& inTrack)
 
 // ---- Track ----
 
+bool Track::IsSelfContained() const
+{
+    const std::size_t index = entries.empty() ? 1 : entries.front().dataReference;
+    return index == 0 || index > dataReferences.size() || dataReferences[index - 1].isSelf;
+}
+
 std::uint64_t Track::GetSampleSize(std::uint64_t inIndex) const
 {
     if (uniformSampleSize == 0)
@@ -197,7 +203,7 @@ MovieFile::MovieFile(const ByteSource& inSource, Findings& ioFindings)
             ReadTrack(child);
         }
     }
-    ReadMetadata(*mMooV, mMetadata);
+    ReadMetadata(*mMooV, 0, mMetadata);
 }
 
 const Track* MovieFile::FindTrack(std::uint32_t inID) const
@@ -325,7 +331,7 @@ void MovieFile::ReadTrack(const Atom& inAtom)
     ReadReferences(inAtom, track);
     ReadApertures(inAtom, track);
     ReadMedia(inAtom, track);
-    ReadMetadata(inAtom, track.metadata);
+    ReadMetadata(inAtom, track.id, track.metadata);
     mTrackIndices.emplace(track.id, mTracks.size());
     mTracks.push_back(std::move(track));
 }
@@ -935,7 +941,7 @@ void MovieFile::ReadSoundExtension(const Atom& inAtom, SoundFormat& ioSound, std
 
 // ---- Metadata ----
 
-void MovieFile::ReadMetadata(const Atom& inParent, std::vector<MetadataItem>& outItems)
+void MovieFile::ReadMetadata(const Atom& inParent, std::uint32_t inTrackID, std::vector<MetadataItem>& outItems)
 {
     const Atom* userData = inParent.Find(FourCC("udta"));
     if (userData == nullptr)
@@ -959,6 +965,12 @@ void MovieFile::ReadMetadata(const Atom& inParent, std::vector<MetadataItem>& ou
                 const std::uint16_t length = reader.U16();
                 reader.Skip(2);
                 text = Text(reader.Bytes(length));
+                if (reader.HasFailed() && !bytes.empty())
+                {
+                    mFindings.Add(Severity::kError, "user-text", item.offset, inTrackID,
+                                  fmt::format("the text of {} has no length and language in front that fit it",
+                                              FourCCText(item.type)));
+                }
             }
             if (!reader.HasFailed() && !text.empty() && IsPrintable(text))
             {

@@ -194,6 +194,10 @@ struct Track
     std::uint32_t maxCompositionOffset = 0; //!< Of 'ctts', in media units: how far display may run behind decoding.
     bool has64BitOffsets = false;
 
+    //! Whether the track's media lies in this file. What the first description says holds for all: media in several
+    //! files is not read anywhere any more.
+    bool IsSelfContained() const;
+
     //! Bytes of a sample. Sound whose 'stsz' says 1 takes them from its description; they are 0 for a frame that is
     //! part of a packet.
     std::uint64_t GetSampleSize(std::uint64_t inIndex) const;
@@ -255,7 +259,7 @@ private:
     void ReadSoundExtension(const Atom& inAtom, SoundFormat& ioSound, std::uint32_t inTrackID);
     void ReadTimecodeEntry(SampleEntry& ioEntry, const std::vector<std::uint8_t>& inBytes, std::uint32_t inTrackID);
     void ReportShortEntry(const SampleEntry& inEntry, std::uint64_t inNeeded, std::uint32_t inTrackID);
-    void ReadMetadata(const Atom& inParent, std::vector<MetadataItem>& outItems);
+    void ReadMetadata(const Atom& inParent, std::uint32_t inTrackID, std::vector<MetadataItem>& outItems);
 
     //! A table's entries; a count that does not fit the atom becomes a finding and is cut to what is there.
     template <typename Entry>

@@ -1,5 +1,7 @@
 #include "Verify.h"
 
+#include "VerifySamples.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -87,6 +89,7 @@ public:
             CheckReferences(track);
             CheckEntries(track);
             CheckApertures(track);
+            VerifySamples(mMovie, track, mFindings);
         }
         CheckOverlaps();
     }
@@ -141,7 +144,7 @@ private:
         }
         const bool hasSamples =
             std::any_of(mMovie.GetTracks().begin(), mMovie.GetTracks().end(),
-                        [](const Track& inTrack) { return inTrack.sampleCount != 0 && IsSelfContained(inTrack); });
+                        [](const Track& inTrack) { return inTrack.sampleCount != 0 && inTrack.IsSelfContained(); });
         if (mMedia.empty() && hasSamples)
         {
             Error("no-mdat", mooV->offset, "the movie has samples, but the file has no media ('mdat')");
@@ -338,7 +341,7 @@ private:
                       inTrack.id);
             }
         }
-        if (!IsSelfContained(inTrack))
+        if (!inTrack.IsSelfContained())
         {
             Note("external-media", references->offset, "the track's media lies in another file, which is not checked",
                  inTrack.id);
@@ -551,7 +554,7 @@ private:
     void CheckChunks(const Track& inTrack)
     {
         const Atom* atom = inTrack.FindTable(inTrack.has64BitOffsets ? FourCC("co64") : FourCC("stco"));
-        if (atom == nullptr || !IsSelfContained(inTrack) || mMedia.empty())
+        if (atom == nullptr || !inTrack.IsSelfContained() || mMedia.empty())
         {
             return;
         }
@@ -1003,14 +1006,6 @@ private:
     }
 
     // ---- Helpers ----
-
-    //! Whether the track's media lies in this file. What the first description says holds for all: media in several
-    //! files is not read anywhere any more.
-    static bool IsSelfContained(const Track& inTrack)
-    {
-        const std::size_t index = inTrack.entries.empty() ? 1 : inTrack.entries.front().dataReference;
-        return index == 0 || index > inTrack.dataReferences.size() || inTrack.dataReferences[index - 1].isSelf;
-    }
 
     void Error(CheckName inCheck, std::uint64_t inOffset, const std::string& inWhat, std::uint32_t inTrack = 0)
     {

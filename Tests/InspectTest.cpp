@@ -250,6 +250,28 @@ void NestUserData(EditableMovie& ioMovie)
     ioMovie.MooV().Add(nested);
 }
 
+//! Puts bytes into a sample of the video.
+void PutVideo(EditableMovie& ioMovie, std::size_t inSample, std::size_t inOffset, const std::string& inBytes)
+{
+    const std::size_t begin = ioMovie.TopLevel("ftyp").GetSize() + 8;
+    const std::size_t chunk = ioMovie.Track(kVideo)["stco"].Get(8 + 4 * inSample);
+    std::copy(inBytes.begin(), inBytes.end(),
+              ioMovie.TopLevel("mdat").fields.begin() + static_cast<std::ptrdiff_t>(chunk - begin + inOffset));
+}
+
+//! Makes the video TGA pictures, of 720 x 480 pixels but for one, whose head is given.
+std::function<void(EditableMovie&)> Pictures(std::string inOther)
+{
+    return [=](EditableMovie& ioMovie) {
+        ioMovie.Track(kVideo)["apcn"].type = "tga ";
+        for (std::size_t sample = 0; sample < 10; ++sample)
+        {
+            PutVideo(ioMovie, sample, 0, std::string("\0\0\x0A\0\0\0\0\0\0\0\0\0\xD0\2\xE0\1\x18\0", 18));
+        }
+        PutVideo(ioMovie, 9, 0, inOther);
+    };
+}
+
 //! The type as a number.
 std::uint32_t FourCC(const char (&inText)[5])
 {
@@ -278,6 +300,11 @@ const std::vector<Fault>& Faults()
         {"a track header cut off", "atom-short", kError, Resize(kVideo, "tkhd", -1)},
         {"a media header cut off", "atom-short", kError, Resize(kMono, "mdhd", -2)},
         {"a sound header cut off", "atom-short", kError, Resize(kMono, "smhd", -2)},
+        {"a text without its length and language", "user-text", kError,
+         [](EditableMovie& m) {
+             m.Track(kText).Add(NewAtom("udta"));
+             m.Track(kText)["udta"].Add(NewAtom("\xA9nam", {'N', 'a', 'm', 'e', '!'}));
+         }},
         {"a handler cut off", "atom-short", kError, [](EditableMovie& m) { m.Track(kMono)["hdlr"].fields.resize(12); }},
         {"a clean aperture cut off", "atom-short", kError, Resize(kVideo, "clap", -4)},
         {"colour cut off", "atom-short", kError, Resize(kVideo, "colr", -2)},
@@ -465,6 +492,29 @@ const std::vector<Fault>& Faults()
          [](EditableMovie& m) { m.Track(kVideo)["stco"].Put(12, m.Track(kVideo)["stco"].Get(8)); }},
         {"a sample that reaches into the next chunk", "chunk-overlap", kError, Add(kVideo, "stsz", 12, 1)},
         {"64-bit offsets without need", "offset-width", kNote, WidenOffsets},
+
+        // Samples.
+        {"uncompressed frames with too few bytes", "frame-short", kError,
+         [](EditableMovie& m) { m.Track(kVideo)["apcn"].type = "2vuy"; }},
+        {"a picture of another size", "picture", kError, Pictures(std::string(12, '\0') + "\xD0\2\xE1\1")},
+        {"a picture that is none", "picture", kError, Pictures("\xFF\xFF")},
+        {"text on a track of video", "media-kind", kError,
+         [](EditableMovie& m) { m.Track(kVideo)["apcn"].type = "text"; }},
+        {"a text among frames", "media-kind", kError,
+         [](EditableMovie& m) {
+             PutVideo(m, 1, 0, std::string("\0\x57", 2));
+             PutVideo(m, 1, 89, std::string("\0\0\0\x0C" "encd", 8));
+         }},
+        {"listed samples that are no whole frames", "sound-size", kError,
+         [](EditableMovie& m) {
+             EditableAtom& sizes = m.Track(kMono)["stsz"];
+             sizes.fields.resize(12 + 4 * 400);
+             sizes.Put(4, 0);
+             for (std::size_t sample = 0; sample < 400; ++sample)
+             {
+                 sizes.Put(12 + 4 * sample, sample == 0 ? 2 : sample == 1 ? 4 : 3);
+             }
+         }},
 
         // Descriptions.
         {"no data format", "entry-format", kError,

@@ -10,6 +10,7 @@ import readers
 
 SECONDS = 2
 VIDEO = ["-f", "lavfi", "-i", f"testsrc2=s=160x120:r=25:d={SECONDS}"]
+ODD = ["-f", "lavfi", "-i", "testsrc2=s=163x121:r=25:d=0.2"]  # Rows and frames are filled up to whole blocks.
 NTSC = ["-f", "lavfi", "-i", f"testsrc2=s=160x120:r=30000/1001:d={SECONDS}"]
 SOUND = ["-f", "lavfi", "-i", f"sine=r=48000:d={SECONDS}"]
 SURROUND = ["-f", "lavfi", "-i", f"sine=r=48000:d={SECONDS},pan=5.1|" + "|".join(f"c{i}=c0" for i in range(6))]
@@ -51,6 +52,11 @@ ENCODED = {
     "v210.mov": VIDEO + ["-c:v", "v210"],
     "animation.mov": VIDEO + ["-c:v", "qtrle"],
     "png.mov": VIDEO + ["-c:v", "png"],
+    **{f"raw-{pixels}.mov": ODD + ["-c:v", "rawvideo", "-pix_fmt", pixels]
+       for pixels in ("rgb24", "argb", "bgra", "rgb555be", "rgb48be", "gray", "gray16be", "pal8", "monob", "uyvy422",
+                      "yuyv422")},
+    **{f"{codec}.mov": ODD + ["-c:v", codec]
+       for codec in ("v308", "v408", "v410", "r210", "tiff", "targa", "jpeg2000", "libopenjpeg", "mjpeg")},
     "wide-pixels.mov": VIDEO + ["-vf", "setsar=10/11", "-c:v", "prores_ks", "-movflags", "write_colr"],
     "interlaced.mp4": VIDEO + ["-vf", "setsar=10/11", "-c:v", "libx264", "-x264opts", "tff=1"],
     "timecode.mov": VIDEO + ["-timecode", "01:00:00:00", "-c:v", "mpeg4"],
@@ -210,15 +216,19 @@ class Foreign(unittest.TestCase):
                 self.assertEqual((result["sound"], errors), (True, []))
         self.assertEqual(done.returncode, 0)
 
-    def test_a_cut_movie_is_not_sound(self):
-        with open(self.source, "rb") as file:
-            content = file.read()
-        cut = self.path("cut.bin")
-        with open(cut, "wb") as file:
-            file.write(content[:len(content) // 2])
-        done = subprocess.run([readers.program("REELMILL"), "verify", "--json", cut], capture_output=True)
-        self.assertFalse(json.loads(done.stdout)[0]["sound"])
-        self.assertEqual(done.returncode, 4)
+    def test_frames_of_two_sizes_are_not_sound(self):
+        movie = self.path("sizes.bin")
+        for codec in ("png", "mjpeg", "tiff", "targa", "jpeg2000"):
+            with self.subTest(codec):
+                for index, size in enumerate(("160x120", "160x120", "120x160")):
+                    ffmpeg("-f", "lavfi", "-i", f"testsrc2=s={size}:d=1", "-frames:v", "1", "-c:v", codec,
+                           "-f", "image2", self.path(f"size{index}.{codec[:4]}"))
+                ffmpeg("-f", "image2", "-c:v", codec, "-i", self.path(f"size%d.{codec[:4]}"), "-c", "copy",
+                       "-f", "mov", movie)
+                done = subprocess.run([readers.program("REELMILL"), "verify", "--json", movie], capture_output=True)
+                self.assertEqual(["picture"], [found["check"] for found in json.loads(done.stdout)[0]["findings"]
+                                               if found["severity"] == "error"])
+                self.assertEqual(done.returncode, 4)
 
     def test_descriptions_agree_with_ffprobe(self):
         for name in self.movies():
