@@ -9,6 +9,7 @@
 #include <charconv>
 #include <filesystem>
 #include <fmt/format.h>
+#include <iterator>
 #include <map>
 #include <system_error>
 
@@ -95,6 +96,14 @@ std::map<long long, std::string> ListImages(const std::string& inPath)
     return images;
 }
 
+std::vector<std::string> FilesOf(const std::map<long long, std::string>& inImages)
+{
+    std::vector<std::string> files;
+    std::transform(inImages.begin(), inImages.end(), std::back_inserter(files),
+                   [](const auto& inImage) { return inImage.second; });
+    return files;
+}
+
 //! The format of a sample description for a codec whose pictures can be told apart without decoding; else 0.
 std::uint32_t FormatOf(AVCodecID inCodec)
 {
@@ -131,12 +140,7 @@ bool ImageSequence::IsNamedBy(const std::string& inPath)
 
 std::vector<std::string> ImageSequence::ListFiles(const std::string& inPath)
 {
-    std::vector<std::string> files;
-    for (auto& [number, file] : ListImages(inPath))
-    {
-        files.push_back(file);
-    }
-    return files;
+    return FilesOf(ListImages(inPath));
 }
 
 ImageSequence::ImageSequence(const std::string& inPath) : mFiles{inPath}, mIsNumbered(IsNamedBy(inPath))
@@ -163,7 +167,7 @@ ImageSequence::ImageSequence(const std::string& inPath) : mFiles{inPath}, mIsNum
                                        inPath, gap->first + 1, std::next(gap)->first));
     }
     mFirstNumber = images.begin()->first;
-    mFiles = ListFiles(inPath);
+    mFiles = FilesOf(images);
 }
 
 void ImageSequence::CheckFiles(AVCodecID inCodec)

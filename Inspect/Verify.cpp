@@ -89,9 +89,9 @@ public:
             CheckReferences(track);
             CheckEntries(track);
             CheckApertures(track);
-            VerifySamples(mMovie, track, mFindings);
         }
         CheckOverlaps();
+        VerifySamples(mMovie, mFindings);
     }
 
 private:

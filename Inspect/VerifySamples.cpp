@@ -154,12 +154,13 @@ bool HasSize(const Picture& inPicture, const VideoFormat& inVideo)
 class SampleVerifier
 {
 public:
-    SampleVerifier(const MovieFile& inMovie, const Track& inTrack, Findings& ioFindings)
-        : mFile(inMovie.GetSource()),
+    //! \param ioUnread  bytes of the file that samples can still have; in hostile tables they would have more
+    SampleVerifier(const ByteSource& inFile, const Track& inTrack, std::uint64_t& ioUnread, Findings& ioFindings)
+        : mFile(inFile),
           mTrack(inTrack),
+          mUnread(ioUnread),
           mFindings(ioFindings),
-          mKind(KindOfHandler(inTrack.handlerType)),
-          mUnread(mFile.GetSize())
+          mKind(KindOfHandler(inTrack.handlerType))
     {
     }
 
@@ -284,16 +285,21 @@ private:
 
     const ByteSource& mFile;
     const Track& mTrack;
+    std::uint64_t& mUnread;
     Findings& mFindings;
     Kind mKind;
-    std::uint64_t mUnread; //!< Bytes that samples can still have; of hostile tables they would have more than the file.
 };
 
 } // namespace
 
-void VerifySamples(const MovieFile& inMovie, const Track& inTrack, Findings& ioFindings)
+void VerifySamples(const MovieFile& inMovie, Findings& ioFindings)
 {
-    SampleVerifier(inMovie, inTrack, ioFindings).Run();
+    const ByteSource& file = inMovie.GetSource();
+    std::uint64_t unread = file.GetSize();
+    for (const Track& track : inMovie.GetTracks())
+    {
+        SampleVerifier(file, track, unread, ioFindings).Run();
+    }
 }
 
 } // namespace Inspect

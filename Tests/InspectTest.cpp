@@ -992,16 +992,6 @@ TEST_F(InspectMovies, AMovieOfNothingIsSound)
     EXPECT_FALSE(findings.HasErrors()) << Text(findings);
 }
 
-TEST_F(InspectMovies, AMovieThatWasNotClosedIsNotSound)
-{
-    ASSERT_EQ(Create(), 0);
-    const QT::TrackID track = NewTrack();
-    ASSERT_GE(Add(track, std::string(10000, 'v')), 0);
-    writer.reset();
-    const BinaryDataArray movie = Movie();
-    EXPECT_TRUE(Has(Verify(std::vector<std::uint8_t>(movie.begin(), movie.end())), kError, "no-moov"));
-}
-
 //! A file of the sparse file system.
 class MovieSource final : public Inspect::ByteSource
 {
