@@ -133,11 +133,15 @@ bool IsText(const SampleSource& inSample)
     {
         return false;
     }
-    std::array<std::uint8_t, kLengthSize> length{};
     std::array<std::uint8_t, kEncoding.size()> encoding{};
     inSample.Read(inSample.GetSize() - kEncodingSize, encoding);
+    if (encoding != kEncoding)
+    {
+        return false;
+    }
+    std::array<std::uint8_t, kLengthSize> length{};
     inSample.Read(0, length);
-    return encoding == kEncoding && ByteReader(length).U16() == inSample.GetSize() - kLengthSize - kEncodingSize;
+    return ByteReader(length).U16() == inSample.GetSize() - kLengthSize - kEncodingSize;
 }
 
 //! Whether a picture fits its description. A JPEG image may be filled up to whole blocks, or be one of two fields.
