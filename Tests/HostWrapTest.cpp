@@ -188,15 +188,18 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
     for (const auto& [suffix, options, otherPixels] : kinds)
     {
         SCOPED_TRACE(suffix);
-        const auto picture = [&options = options](const std::string& inSize) {
-            return "-f lavfi -i testsrc2=s=" + inSize + ":r=25:d=1 " + options + " ";
+        const auto make = [this, &suffix = suffix, &options = options](const std::string& inName, const char* inSize,
+                                                                       const std::string& inMore) {
+            std::ostringstream all;
+            all << "-f lavfi -i testsrc2=r=25:d=1:s=" << inSize << ' ' << options << ' ' << inMore;
+            Make(inName + "." + suffix, all.str());
         };
         const auto read = [this, &suffix = suffix](const std::string& inName) {
             return Text(ReadFile(Path(inName + "." + suffix)));
         };
-        MakeMedia(picture("64x48") + "-frames:v 4", Path("image%d." + suffix));
-        MakeMedia(picture("48x64") + "-frames:v 1", Path("size." + suffix));
-        MakeMedia(picture("64x48") + "-frames:v 1 -pix_fmt " + otherPixels, Path("form." + suffix));
+        make("image%d", "64x48", "-frames:v 4");
+        make("size", "48x64", "-frames:v 1");
+        make("form", "64x48", "-frames:v 1 -pix_fmt " + otherPixels);
         const std::vector<std::string> arguments = {"wrap", Path("image%d." + suffix), "-o", Path("out.mov"), "--fps",
                                                     "25"};
         const Outcome good = RunHost(arguments);
