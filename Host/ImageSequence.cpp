@@ -234,8 +234,8 @@ void ImageSequence::Check(const std::string& inFile, const Inspect::ByteSource& 
     };
     expectSame(fmt::format("{}x{} pixels", picture->width, picture->height),
                fmt::format("{}x{} pixels", mModel->width, mModel->height));
-    expectSame(fmt::format("pixels of another form ({})", picture->form),
-               fmt::format("pixels of another form ({})", mModel->form));
+    expectSame(fmt::format("pixels of the form \"{}\"", picture->form),
+               fmt::format("pixels of the form \"{}\"", mModel->form));
 }
 
 void ImageSequence::CheckEnd(int inError) const

@@ -215,7 +215,7 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
                                               {whole.substr(0, whole.size() - 30), cut},
                                               {whole.substr(0, 7), "is no "},
                                               {read("size"), "has 48x64 pixels, and the images before it have 64x48"},
-                                              {read("form"), "has pixels of another form ("}})
+                                              {read("form"), "has pixels of the form \""}})
         {
             WriteFile(Path("image3." + suffix), content);
             ExpectRefusal(2, third + reason, arguments);
