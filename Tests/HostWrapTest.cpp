@@ -188,25 +188,24 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
     for (const auto& [suffix, options, otherPixels] : kinds)
     {
         SCOPED_TRACE(suffix);
-        const auto make = [this, &suffix = suffix, &options = options](const std::string& inName, const char* inSize,
-                                                                       const std::string& inMore) {
+        const auto name = [&suffix = suffix](std::string inStem) { return inStem.append(".").append(suffix); };
+        const auto make = [this, &name, &options = options](const std::string& inName, const char* inSize,
+                                                            const std::string& inMore) {
             std::ostringstream all;
             all << "-f lavfi -i testsrc2=r=25:d=1:s=" << inSize << ' ' << options << ' ' << inMore;
-            Make(inName + "." + suffix, all.str());
+            Make(name(inName), all.str());
         };
-        const auto read = [this, &suffix = suffix](const std::string& inName) {
-            return Text(ReadFile(Path(inName + "." + suffix)));
-        };
+        const auto read = [this, &name](const std::string& inName) { return Text(ReadFile(Path(name(inName)))); };
         make("image%d", "64x48", "-frames:v 4");
         make("size", "48x64", "-frames:v 1");
         make("form", "64x48", "-frames:v 1 -pix_fmt " + otherPixels);
-        const std::vector<std::string> arguments = {"wrap", Path("image%d." + suffix), "-o", Path("out.mov"), "--fps",
+        const std::vector<std::string> arguments = {"wrap", Path(name("image%d")), "-o", Path("out.mov"), "--fps",
                                                     "25"};
         const Outcome good = RunHost(arguments);
         EXPECT_EQ(0, good.code) << good.err;
         EXPECT_NE(std::string::npos, good.out.find("4 frames")) << good.out;
         fs::remove(Path("out.mov"));
-        const std::string third = "image3." + suffix + "\" ";
+        const std::string third = name("image3") + "\" ";
         const std::string whole = read("image3");
         const std::string cut =
             suffix == "tif" ? "is no tiff image" : "is cut off"; // What says its form is at its end.
@@ -217,18 +216,18 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
                                               {read("size"), "has 48x64 pixels, and the images before it have 64x48"},
                                               {read("form"), "has pixels of the form \""}})
         {
-            WriteFile(Path("image3." + suffix), content);
+            WriteFile(Path(name("image3")), content);
             ExpectRefusal(2, third + reason, arguments);
         }
-        fs::rename(Path("image3." + suffix), Path("kept")); // "form"
-        fs::create_directory(Path("image3." + suffix));
+        fs::remove(Path(name("image3")));
+        fs::create_directory(Path(name("image3")));
         ExpectRefusal(2, third + "is a folder", arguments);
-        fs::remove(Path("image3." + suffix));
-        fs::create_symlink(Path("nowhere"), Path("image3." + suffix));
+        fs::remove(Path(name("image3")));
+        fs::create_symlink(Path("nowhere"), Path(name("image3")));
         ExpectRefusal(3, third + "cannot be read", arguments);
-        fs::remove(Path("image3." + suffix));
-        WriteFile(Path("image1." + suffix), whole.substr(0, whole.size() - 30));
-        ExpectRefusal(2, "image1." + suffix, {"wrap", Path("image1." + suffix), "-o", Path("out.mov"), "--fps", "25"});
+        fs::remove(Path(name("image3")));
+        WriteFile(Path(name("image1")), whole.substr(0, whole.size() - 30));
+        ExpectRefusal(2, name("image1"), {"wrap", Path(name("image1")), "-o", Path("out.mov"), "--fps", "25"});
     }
     // What stands behind an image is no fault of it.
     for (const std::string suffix : {"png", "jpg"})

@@ -218,7 +218,7 @@ class Foreign(unittest.TestCase):
 
     def test_frames_of_two_sizes_are_not_sound(self):
         movie = self.path("sizes.bin")
-        for codec in ("png", "mjpeg", "tiff", "targa", "jpeg2000"):
+        for codec in ("png", "mjpeg"):
             with self.subTest(codec):
                 for index, size in enumerate(("160x120", "160x120", "120x160")):
                     ffmpeg("-f", "lavfi", "-i", f"testsrc2=s={size}:d=1", "-frames:v", "1", "-c:v", codec,
