@@ -86,6 +86,7 @@ struct WrapArguments
     std::string frameRate;
     std::string progress;
     bool overwrite = false;
+    bool allowDamage = false;
     bool quiet = false;
     bool dryRun = false;
     bool json = false;
@@ -145,6 +146,7 @@ ExitCode RunWrap(const WrapArguments& inArguments, const Streams& inStreams)
     }
     options.output = inArguments.output;
     options.overwrite = inArguments.overwrite;
+    options.allowDamage = inArguments.allowDamage;
     if (!inArguments.frameRate.empty())
     {
         options.frameRate = ParseFrameRate(inArguments.frameRate);
@@ -188,6 +190,9 @@ const CLI::App& AddWrap(CLI::App& ioApp, const Streams& inStreams, ExitCode& out
     command->add_option("--fps", arguments->frameRate, "Frame rate of image sequences, such as 25 or 24000/1001")
         ->type_name("RATE");
     command->add_flag("-y,--overwrite", arguments->overwrite, "Replace the movie if it exists");
+    command->add_flag("--allow-damage", arguments->allowDamage,
+                      "Take inputs that break off up to there, and packets that are marked as damaged; notes say what "
+                      "is missing");
     command->add_flag("-q,--quiet", arguments->quiet,
                       "Print no summary, and progress only with --progress; notes go to standard error");
     command->add_flag("--dry-run", arguments->dryRun,

@@ -38,6 +38,7 @@ constexpr std::array kExamples = {
             "wrap tape.avi --color bt601-525 --aspect par=10:11 --clean-aperture 704x480 -o tape.mov"},
     Example{"wrap", "What would be written, and everything that keeps it from being written",
             "wrap shot.mov --chapters chapters.txt -o shot_ch.mov --dry-run"},
+    Example{"wrap", "What is left of an input that breaks off", "wrap broken.mxf -o rest.mov --allow-damage"},
     Example{"wrap", "Under a program: the result on standard output, progress on standard error",
             "wrap camera.mxf -o camera.mov --json --progress=json"},
     Example{"recover", "Finish a movie whose wrap was killed", "recover camera.mov"},

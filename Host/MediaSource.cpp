@@ -76,7 +76,8 @@ bool IsTaken(const AVFormatContext& inFormat, const AVStream& inStream)
 
 } // namespace
 
-MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly) : mPath(inPath)
+MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly, bool inAllowsDamage)
+    : mPath(inPath), mAllowsDamage(inAllowsDamage)
 {
     av_log_set_level(AV_LOG_QUIET); // What goes wrong is told by results; the rest is not for users.
 
@@ -120,7 +121,20 @@ MediaSource::MediaSource(const std::string& inPath, AVRational inFrameRate, bool
             ExitCode::kUsage,
             fmt::format("\"{}\" is an image sequence without times; give its frame rate with --fps", inPath));
     }
-    if (IsPicturePipe(*mFormat->iformat) && mImages == nullptr)
+    if (!IsPicturePipe(*mFormat->iformat))
+    {
+        try
+        {
+            mCompleteness = std::make_unique<Completeness>(inPath, *mFormat);
+        }
+        catch (const std::system_error& error)
+        {
+            throw CommandError(ExitCode::kIOFailed,
+                               fmt::format("\"{}\" cannot be opened: {}; check its name and permissions", inPath,
+                                           error.code().message()));
+        }
+    }
+    else if (mImages == nullptr)
     {
         mImages = std::make_unique<ImageSequence>(inPath);
     }
@@ -159,7 +173,8 @@ void MediaSource::SelectStreams(bool inAudioOnly)
             mStreams.push_back(&stream);
             continue;
         }
-        stream.discard = AVDISCARD_ALL;
+        const bool isNeeded = mCompleteness != nullptr && mCompleteness->NeedsAllStreams();
+        stream.discard = isNeeded ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         if (IsTaken(*mFormat, stream))
         {
             continue;
@@ -192,8 +207,67 @@ double MediaSource::GetMaximumSeconds() const
     return GetExpectedSeconds() > 0 ? seconds : kEstimateMargin * seconds;
 }
 
+void MediaSource::FailRead(const std::string& inReason) const
+{
+    const std::string sentence =
+        fmt::format("\"{}\" cannot be read to its end: {}; check its volume, or get another copy", mPath, inReason);
+    throw EarlyEnd(sentence, sentence);
+}
+
+void MediaSource::BreakOff(const std::string& inReason) const
+{
+    const std::string sentence = fmt::format(
+        "\"{}\" breaks off: {}; get a whole copy, or take what is there with --allow-damage", mPath, inReason);
+    throw EarlyEnd(sentence, sentence);
+}
+
+bool MediaSource::IsSelected(const AVPacket& inPacket) const
+{
+    return std::any_of(mStreams.begin(), mStreams.end(),
+                       [&](const AVStream* inStream) { return inStream->index == inPacket.stream_index; });
+}
+
+Completeness::Verdict MediaSource::Judge(AVPacket& ioPacket)
+{
+    try
+    {
+        return mCompleteness != nullptr ? mCompleteness->Take(ioPacket) : Completeness::Verdict::kWhole;
+    }
+    catch (const std::system_error& error)
+    {
+        FailRead(error.code().message());
+    }
+}
+
+//! At the end of the input: tells what of it did not come.
+void MediaSource::CheckCompleteness()
+{
+    std::string loss;
+    try
+    {
+        loss = mCompleteness != nullptr ? mCompleteness->FindLoss() : "";
+    }
+    catch (const std::system_error& error)
+    {
+        FailRead(error.code().message());
+    }
+    if (loss.empty())
+    {
+        return;
+    }
+    if (!mAllowsDamage)
+    {
+        BreakOff(loss);
+    }
+    mNotes.push_back(fmt::format("\"{}\" breaks off: {}; what came whole was taken", mPath, loss));
+}
+
 PacketPtr MediaSource::ReadPacket()
 {
+    if (mAhead != nullptr)
+    {
+        return std::move(mAhead);
+    }
     for (;;)
     {
         PacketPtr packet(av_packet_alloc());
@@ -209,26 +283,28 @@ PacketPtr MediaSource::ReadPacket()
         }
         if (result == AVERROR_EOF && (streamError == 0 || streamError == AVERROR_EOF))
         {
+            CheckCompleteness();
             return nullptr;
         }
         if (result < 0)
         {
-            const std::string sentence =
-                fmt::format("\"{}\" cannot be read to its end: {}; check its volume, or get another copy", mPath,
-                            LibAVMessage(result == AVERROR_EOF ? streamError : result));
-            throw EarlyEnd(sentence, sentence);
+            FailRead(LibAVMessage(result == AVERROR_EOF ? streamError : result));
         }
-        const bool isTaken = std::any_of(mStreams.begin(), mStreams.end(), [&](const AVStream* inStream) {
-            return inStream->index == packet->stream_index;
-        });
-        if (isTaken)
+        const Completeness::Verdict verdict = Judge(*packet);
+        if (!IsSelected(*packet) || verdict == Completeness::Verdict::kCut)
         {
-            if (mImages != nullptr)
-            {
-                mImages->CheckNext({packet->data, static_cast<std::size_t>(packet->size)});
-            }
-            return packet;
+            continue;
         }
+        if (verdict == Completeness::Verdict::kDamaged && !mAllowsDamage)
+        {
+            BreakOff(fmt::format("a packet of {} is marked as damaged",
+                                 DescribeStream(*this, *mFormat->streams[packet->stream_index])));
+        }
+        if (mImages != nullptr)
+        {
+            mImages->CheckNext({packet->data, static_cast<std::size_t>(packet->size)});
+        }
+        return packet;
     }
 }
 

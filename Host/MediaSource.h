@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Completeness.h"
 #include "LibAV.h"
 
 #include <memory>
@@ -20,11 +21,12 @@ public:
     //!
     //! \param inFrameRate  rate of an image sequence, which needs one; not looked at otherwise
     //! \param inAudioOnly  takes no video; whether there is any audio is for the caller to check
+    //! \param inAllowsDamage  takes an input that breaks off for one that ends there, and damaged packets as they are
     //!
     //! Throws CommandError: `kIOFailed` when it cannot be opened or read, `kInputRefused` when it holds no media that
     //! libavformat knows, neither video nor audio, an image sequence with a gap, without a frame rate or with images
     //! that are empty, cut off or not alike.
-    MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly = false);
+    MediaSource(const std::string& inPath, AVRational inFrameRate, bool inAudioOnly, bool inAllowsDamage);
     ~MediaSource();
 
     //! As the user gave it.
@@ -45,9 +47,14 @@ public:
     //! known.
     double GetMaximumSeconds() const;
 
-    //! The next packet of one of `GetStreams`, unchanged; null at the end. Throws CommandError when reading fails, or an
-    //! image is missing or has changed since it was checked.
+    //! The next whole packet of one of `GetStreams`, unchanged; null at the end. Of PCM that is cut short the whole
+    //! sample frames count as a packet. Throws EarlyEnd when reading fails, an image is missing, and when the input
+    //! breaks off or a packet is damaged; where that is allowed a note tells what is missing. Throws CommandError when an
+    //! image has changed since it was checked.
     PacketPtr ReadPacket();
+
+    //! Reads the packet that `ReadPacket` gives first. Throws the same.
+    void ReadAhead() { mAhead = ReadPacket(); }
 
     //! Whether `inPath` names an image sequence: a file name with a number pattern such as %04d, of which there is no
     //! file of exactly that name, or a single picture.
@@ -64,10 +71,18 @@ private:
 
     void CheckImages();
     void SelectStreams(bool inAudioOnly);
+    bool IsSelected(const AVPacket& inPacket) const;
+    Completeness::Verdict Judge(AVPacket& ioPacket);
+    void CheckCompleteness();
+    [[noreturn]] void FailRead(const std::string& inReason) const;
+    [[noreturn]] void BreakOff(const std::string& inReason) const;
 
     std::string mPath;
     std::unique_ptr<ImageSequence> mImages; //!< Null for other inputs.
     std::unique_ptr<AVFormatContext, FormatCloser> mFormat;
+    std::unique_ptr<Completeness> mCompleteness; //!< none for images, which are counted by their files
+    bool mAllowsDamage;
+    PacketPtr mAhead;
     std::vector<AVStream*> mStreams;
     std::vector<std::string> mNotes;
 };

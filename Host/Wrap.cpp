@@ -71,6 +71,7 @@ public:
     WrapPrediction Predict();
 
 private:
+    void CloseEarly();
     [[noreturn]] void KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError);
     [[noreturn]] void KeepWhole(OutputFile& ioOutput, const WriteError& inError);
     [[noreturn]] static void EndWith(const std::string& inReason, double inSeconds,
@@ -84,6 +85,7 @@ private:
     void CheckMovieTimeScale();
     bool HasChunk(const Track& inTrack) const;
     void ReadPacket(Input& ioInput);
+    void StopReading(const EarlyEnd& inError);
     void Fill(double inEnd);
     void ReadRest();
     void DropEmptyTracks();
@@ -128,7 +130,8 @@ private:
     const WrapOptions& mOptions;
     Progress& mProgress;
     Refusals mRefusals;
-    bool mIsWhole = true; //!< Nothing of the media was refused.
+    bool mIsWhole = true;              //!< Nothing of the media was refused.
+    std::optional<EarlyEnd> mEarlyEnd; //!< An input broke off: the movie ends with what has been read of all.
     SideTracks mSides;
     std::vector<Input> mInputs;
     std::unique_ptr<DryRunFileSystem> mDryRun; //!< Outlives the writer.
@@ -170,7 +173,16 @@ void Wrapper::OpenInput(const std::string& inPath)
     const AudioLabels* labels = mOptions.descriptions.FindLabels(inPath);
     input.source = std::make_unique<MediaSource>(
         inPath, MediaSource::IsImageSequence(inPath) ? mOptions.frameRate : AVRational{0, 1},
-        labels != nullptr && labels->isAudioOnly);
+        labels != nullptr && labels->isAudioOnly, mOptions.allowDamage);
+    try
+    {
+        input.source->ReadAhead(); // What a stream is cannot always be told without its packets.
+    }
+    catch (const EarlyEnd& error)
+    {
+        mEarlyEnd = error;
+        throw;
+    }
     for (AVStream* stream : input.source->GetStreams())
     {
         TryMedia([&] { AddTracks(input, *stream); });
@@ -329,16 +341,38 @@ void AddNotes(const Track& inTrack, std::vector<std::string>& ioNotes)
     }
 }
 
+//! An input broke off: all inputs end with what has been read of them.
+void Wrapper::StopReading(const EarlyEnd& inError)
+{
+    mEarlyEnd = inError;
+    for (Input& input : mInputs)
+    {
+        input.isEnded = true;
+        for (Output& output : input.outputs)
+        {
+            TryTrack(output, [&] { output.track->Finish(); });
+        }
+    }
+}
+
 //! Gives an input's next packet to its tracks.
 void Wrapper::ReadPacket(Input& ioInput)
 {
     ThrowIfStopRequested();
     PacketPtr packet;
-    const bool isRead = TryMedia([&] { packet = ioInput.source->ReadPacket(); });
+    try
+    {
+        packet = ioInput.source->ReadPacket();
+    }
+    catch (const EarlyEnd& error)
+    {
+        StopReading(error);
+        return;
+    }
     ioInput.isEnded = packet == nullptr;
     for (Output& output : ioInput.outputs)
     {
-        if (output.isRefused || !isRead)
+        if (output.isRefused)
         {
             continue;
         }
@@ -536,6 +570,11 @@ void Wrapper::WriteMovie(const std::filesystem::path& inPart)
     WriteMedia();
     if (mRefusals.IsEmpty())
     {
+        if (mEarlyEnd)
+        {
+            CloseEarly();
+            return;
+        }
         mSides.Finish(*mWriter, ListMedia(), mSeconds);
         mSides.EndsWithMedia() ? mWriter->CloseWithMedia() : mWriter->Close();
     }
@@ -775,7 +814,11 @@ void Wrapper::Prepare()
     CheckOptions();
     ChooseChunks();
     Fill(mWindow);
-    if (mIsWhole && !GetOldestSeconds())
+    if (mEarlyEnd && !GetOldestSeconds())
+    {
+        TryMedia([this] { throw CommandError(*mEarlyEnd); });
+    }
+    else if (mIsWhole && !GetOldestSeconds())
     {
         TryMedia([this] {
             throw CommandError(ExitCode::kInputRefused,
@@ -798,7 +841,14 @@ void Wrapper::Prepare()
     }
 }
 
-//! The movie ends here: closes it at the last whole sample, keeps it, and ends the command.
+//! Closes the movie at the last whole sample.
+void Wrapper::CloseEarly()
+{
+    mSides.FinishEarly(*mWriter, ListMedia());
+    mWriter->CloseWithMedia();
+}
+
+//! The user asked to stop: closes the movie at the last whole sample, keeps it, and ends the command.
 void Wrapper::KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError)
 {
     if (mBytes == 0)
@@ -807,8 +857,7 @@ void Wrapper::KeepEarly(OutputFile& ioOutput, const EarlyEnd& inError)
     }
     try
     {
-        mSides.FinishEarly(*mWriter, ListMedia());
-        mWriter->CloseWithMedia();
+        CloseEarly();
     }
     catch (const WriteError& error)
     {
@@ -872,6 +921,10 @@ WrapSummary Wrapper::Run()
     {
         KeepEarly(output, error);
     }
+    if (mEarlyEnd)
+    {
+        EndWith(mEarlyEnd->GetReason(), mSeconds, output.CommitPartial());
+    }
     WrapSummary summary;
     try
     {
@@ -925,6 +978,14 @@ WrapPrediction Wrapper::Predict()
     for (const CommandError& error : mRefusals.GetErrors())
     {
         refusals.Add(error);
+    }
+    if (mEarlyEnd)
+    {
+        prediction.endsEarly = true;
+        refusals.Add(prediction.summary ? CommandError(ExitCode::kIOFailed,
+                                                       fmt::format("{}; a movie of the first {} would be kept",
+                                                                   mEarlyEnd->GetReason(), FormatSeconds(mSeconds)))
+                                        : *mEarlyEnd);
     }
     prediction.refusals = refusals.GetErrors();
     mProgress.Finish(std::chrono::steady_clock::now(), mSeconds, mBytes);

@@ -1,4 +1,5 @@
 #include "Support/FailingFileSystem.h"
+#include "Support/ForwardingFileSystem.h"
 #include "Support/HostRun.h"
 #include "Support/TempDirectory.h"
 
@@ -18,6 +19,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -77,6 +79,39 @@ protected:
 
     TempDirectory mFolder;
 };
+
+//! A packet of a source: where it lies, and its bytes.
+struct SourcePacket
+{
+    int stream;
+    std::uintmax_t start;
+    std::uintmax_t end;
+    std::string bytes;
+};
+
+std::vector<SourcePacket> PacketsOf(const std::string& inPath)
+{
+    Host::MediaSource source(inPath, {0, 1}, false, false);
+    std::vector<SourcePacket> packets;
+    while (const Host::PacketPtr packet = source.ReadPacket())
+    {
+        const auto start = static_cast<std::uintmax_t>(packet->pos);
+        const auto size = static_cast<std::size_t>(packet->size);
+        packets.push_back({packet->stream_index, start, start + size, {packet->data, packet->data + size}});
+    }
+    return packets;
+}
+
+//! The bytes of each stream's packets that end at `inEnd` or before it.
+std::map<int, std::string> StreamsOf(const std::vector<SourcePacket>& inPackets, std::uintmax_t inEnd = UINTMAX_MAX)
+{
+    std::map<int, std::string> streams;
+    for (const SourcePacket& packet : inPackets)
+    {
+        streams[packet.stream] += packet.end <= inEnd ? packet.bytes : "";
+    }
+    return streams;
+}
 
 std::string Replaced(std::string inText, const std::string& inOld, const std::string& inNew)
 {
@@ -246,7 +281,7 @@ TEST_F(HostWrapTest, AnImageThatChangesOnceItIsListedEndsTheMovieByName)
                                           {"something else", "is no png image"}})
     {
         MakeMedia("-f lavfi -i testsrc2=s=64x48:r=40:d=1", Path("image%d.png"));
-        Host::MediaSource source(Path("image%d.png"), {2, 1});
+        Host::MediaSource source(Path("image%d.png"), {2, 1}, /*inAudioOnly*/ false, /*inAllowsDamage*/ false);
         fs::remove(last);
         if (content != nullptr)
         {
@@ -449,6 +484,132 @@ TEST_F(HostWrapTest, EveryFailedWriteIsNoticedAndLosesNothing)
     EXPECT_EQ(failures, noticed);
     EXPECT_GT(noticed, 16); // The head, the media, the 'mdat' size, the 'moov' and the placeholder behind it, twice.
     EXPECT_GT(kept, 4);     // From the 'mdat' size on.
+}
+
+TEST_F(HostWrapTest, AnInputThatBreaksOffIsKeptToItsLastWholeSample)
+{
+    const std::string dv = "-f lavfi -i testsrc2=s=720x576:r=25:d=1 " + kTone + "-target pal-dv -shortest";
+    const std::string raw = kPicture + kTone + "-c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s16le";
+    const std::string jpeg = kPicture + kTone + "-c:v mjpeg -pix_fmt yuvj420p -c:a pcm_s24le ";
+    Make("raw.avi", raw);
+    ASSERT_EQ(0, RunHost({"wrap", Path("raw.avi"), "-o", Path("own.mov"), "-y"}).code);
+    const struct
+    {
+        const char* name;
+        std::string options;
+        bool hasTail;               //!< Something comes after the media.
+        std::uintmax_t header = 32; //!< The position of a packet may be this far in front of it.
+    } cases[] = {{"own.mov", "", false},
+                 {"raw.avi", "", true},
+                 {"front.mov", jpeg + "-movflags faststart", false},
+                 {"pieces.mov", jpeg + "-movflags frag_keyframe+empty_moov", true},
+                 {"in.mkv", jpeg, true},
+                 {"live.mkv", jpeg + "-live 1", false},
+                 {"in.mxf", "-f lavfi -i testsrc2=s=256x120:d=1 " + kTone + "-c:v dnxhd -profile:v dnxhr_sq", true},
+                 {"atom.mxf", "-f lavfi -i testsrc2=s=256x120:d=1 -c:v dnxhd -profile:v dnxhr_sq -f mxf_opatom", true},
+                 {"in.wav", kTone + "-ac 2", false},
+                 {"large.wav", kTone + "-ac 2 -rf64 always", false},
+                 {"in.w64", kTone, false},
+                 {"in.aiff", kTone, false},
+                 {"in.caf", kTone, false},
+                 {"in.dv", dv, false, 144000}};
+    for (const auto& [name, options, hasTail, header] : cases)
+    {
+        const std::string source = options.empty() ? Path(name) : Make(name, options);
+        const std::string cut = Path(std::string("cut-") + name);
+        const std::uintmax_t size = fs::file_size(source);
+        const std::vector<SourcePacket> packets = PacketsOf(source);
+        const auto endsLast = [](const auto& inLeft, const auto& inRight) { return inLeft.end < inRight.end; };
+        const SourcePacket& last = *std::max_element(packets.begin(), packets.end(), endsLast);
+        const std::uintmax_t first = std::max<std::uintmax_t>(packets.front().start, 1000); // An empty file is none.
+        const std::map<int, std::string> whole = StreamsOf(packets);
+        for (const std::uintmax_t end :
+             {size, hasTail ? size - 1 : size, first, first + (last.end - first) / 2,
+              first + (last.end - first) * 9 / 10, (last.start + last.end) / 2, last.end - 1})
+        {
+            SCOPED_TRACE(std::string(name) + " of " + std::to_string(end) + " bytes");
+            const std::string out = Path("out.mov");
+            fs::copy_file(source, cut, fs::copy_options::overwrite_existing);
+            fs::resize_file(cut, end);
+            const bool isWhole = end == size || (hasTail && end == size - 1);
+            const Outcome dry = RunHost({"wrap", cut, "-o", out, "--dry-run"});
+            const Outcome outcome = RunHost({"wrap", cut, "-o", out});
+            EXPECT_EQ(isWhole ? 0 : 3, outcome.code) << outcome.err << outcome.out;
+            EXPECT_EQ(outcome.code, dry.code) << dry.err;
+            if (outcome.code == 3)
+            {
+                const std::string reason = "reelmill: \"" + cut + "\" breaks off: ";
+                ExpectHelpfulSentence(outcome.err);
+                EXPECT_EQ(0U, outcome.err.find(reason)) << outcome.err;
+                EXPECT_EQ(0U, dry.err.find(reason)) << dry.err;
+                EXPECT_EQ("", outcome.out);
+            }
+            const std::map<int, std::string> expected =
+                StreamsOf(packets, isWhole ? size : end - std::min(header, end));
+            const std::size_t count =
+                std::accumulate(expected.begin(), expected.end(), std::size_t{0},
+                                [](std::size_t inSum, const auto& inStream) { return inSum + inStream.second.size(); });
+            ASSERT_TRUE(count == 0 || fs::exists(out));
+            if (!fs::exists(out))
+            {
+                continue;
+            }
+            EXPECT_EQ(0, RunHost({"verify", out}).code);
+            const std::vector<SourcePacket> kept = PacketsOf(out);
+            for (const auto& [stream, bytes] : StreamsOf(kept))
+            {
+                EXPECT_EQ(bytes, whole.at(stream).substr(0, bytes.size()));
+                EXPECT_GE(bytes.size(), expected.at(stream).size());
+            }
+            fs::remove(out);
+        }
+        const Outcome allowed = RunHost({"wrap", cut, "-o", Path("out.mov"), "--allow-damage"});
+        EXPECT_EQ(0, allowed.code) << allowed.err;
+        EXPECT_NE(std::string::npos, allowed.out.find("note: \"" + cut + "\" breaks off: ")) << allowed.out;
+        fs::remove(Path("out.mov"));
+    }
+}
+
+TEST_F(HostWrapTest, AnInputMayBecomeShorterWhileItIsRead)
+{
+    //! Cuts the input off when the movie is begun, of which the first half second has been read by then.
+    class CuttingFileSystem final : public ForwardingFileSystem
+    {
+    public:
+        CuttingFileSystem(const std::string& inPath, std::uintmax_t inSize) : mPath(inPath), mSize(inSize) {}
+
+        Tolbin::Result Open(const Tolbin::UTF16String& inPath, const Ventra::FileOpenMode& inMode,
+                            Handle& outHandle) override
+        {
+            fs::resize_file(mPath, mSize);
+            return ForwardingFileSystem::Open(inPath, inMode, outHandle);
+        }
+
+    private:
+        std::string mPath;
+        std::uintmax_t mSize;
+    };
+    const std::string picture = "-f lavfi -i testsrc2=s=720x576:r=25:d=2 ";
+    const std::string options = picture + "-f lavfi -i sine=r=48000:d=2 -c:v rawvideo -pix_fmt uyvy422 -c:a pcm_s16le";
+    for (const auto& [name, how] :
+         std::map<std::string, std::string>{{"in.mov", options + " -movflags faststart"},
+                                            {"in.mkv", options},
+                                            {"in.avi", options},
+                                            {"in.wav", "-f lavfi -i sine=r=48000:d=20"},
+                                            {"in.dv", picture + "-target pal-dv"},
+                                            {"stream.wav", "-f lavfi -i sine=r=48000:d=20 -f wav - | cat >"}})
+    {
+        SCOPED_TRACE(name);
+        const std::string source = Make(name, how);
+        const std::uintmax_t size = fs::file_size(source) * 3 / 4;
+        CuttingFileSystem cutting(source, size);
+        const Ventra::FileSystemScope scope(cutting);
+        const Outcome outcome = RunHost({"wrap", source, "-o", Path("out.mov"), "-y"});
+        EXPECT_EQ(3, outcome.code) << outcome.err;
+        EXPECT_NE(std::string::npos, outcome.err.find("breaks off: ")) << outcome.err;
+        EXPECT_EQ(0, RunHost({"verify", Path("out.mov")}).code);
+        fs::remove(Path("out.mov"));
+    }
 }
 
 TEST_F(HostWrapTest, ReportsOfTheLibraryAreFailures)
