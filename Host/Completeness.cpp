@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -120,7 +121,7 @@ bool ReadEBML(Header inHeader, std::int64_t inOffset, Element& outElement)
         {
             return false;
         }
-        const auto length = static_cast<std::size_t>(std::countl_zero(inHeader[position]) + 1);
+        const std::size_t length = 1 + static_cast<std::size_t>(std::countl_zero(inHeader[position]));
         if (length > 8 || position + length > inHeader.size())
         {
             return false;
@@ -371,15 +372,9 @@ Completeness::Completeness(const std::string& inPath, AVFormatContext& ioFormat)
         mKind = Kind::kSound;
         const std::int64_t frameBytes = FrameBytes(*mFormat.streams[0]->codecpar);
         const std::int64_t count = std::max(mFormat.streams[0]->nb_frames, mStreams[0].statedTicks);
-        if (name[0] == 'w' && mIsFile)
+        if (name[0] == 'w') // libavformat does not tell what is more than the file has.
         {
-            mStatedBytes = WaveBytes(Inspect::FileSource(inPath));
-        }
-        else if (name[0] == 'w') // Nothing can be read twice, but the header is still in the buffer.
-        {
-            const std::span<const std::uint8_t> buffer(mFormat.pb->buffer, mFormat.pb->buf_end);
-            const bool isStart = avio_tell(mFormat.pb) == mFormat.pb->buf_ptr - mFormat.pb->buffer;
-            mStatedBytes = isStart ? WaveBytes(Inspect::MemorySource(buffer)) : -1;
+            mStatedBytes = mIsFile ? WaveBytes(Inspect::FileSource(inPath)) : -1;
         }
         else if (count > 0)
         {
@@ -417,17 +412,21 @@ std::int64_t Completeness::GetEnd() const
 bool Completeness::IsCut(const AVPacket& inPacket)
 {
     constexpr std::int64_t kMaximumHeaderSize = 64; // The position may be that of a header in front.
+    const AVCodecParameters& parameters = *mFormat.streams[inPacket.stream_index]->codecpar;
     if (inPacket.pos < 0)
     {
         return false;
     }
     if (mKind == Kind::kFrames)
     {
-        const bool isVideo = mFormat.streams[inPacket.stream_index]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+        const bool isVideo = parameters.codec_type == AVMEDIA_TYPE_VIDEO;
         mFrameSize = isVideo ? inPacket.size : mFrameSize; // libavformat fills up a frame that is not whole.
         return inPacket.pos + mFrameSize > GetEnd();
     }
-    if ((inPacket.flags & AV_PKT_FLAG_CORRUPT) != 0)
+    const bool isShort = parameters.codec_id == AV_CODEC_ID_RAWVIDEO &&
+                         inPacket.size < av_image_get_buffer_size(static_cast<AVPixelFormat>(parameters.format),
+                                                                  parameters.width, parameters.height, 1);
+    if (isShort || (inPacket.flags & AV_PKT_FLAG_CORRUPT) != 0)
     {
         return inPacket.pos + inPacket.size + kMaximumHeaderSize >= GetEnd();
     }
@@ -556,7 +555,7 @@ std::string Completeness::FindLossByElements()
     const bool isStated = mStatedTime > 0 || std::any_of(mStreams.begin(), mStreams.end(), [](const Stream& inStream) {
                               return inStream.statedTicks > 0;
                           });
-    const std::string inside = fmt::format("it ends at byte {}, inside its media", GetEnd());
+    std::string inside = fmt::format("it ends at byte {}, inside its media", GetEnd());
     switch (end)
     {
     case ElementWalk::End::kWhole:

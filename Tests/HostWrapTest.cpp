@@ -122,18 +122,6 @@ std::string Replaced(std::string inText, const std::string& inOld, const std::st
 
 } // namespace
 
-TEST_F(HostWrapTest, HelpAndVersion)
-{
-    for (const char* option : {"--help", "--version"})
-    {
-        const Outcome outcome = RunHost({option});
-        EXPECT_EQ(0, outcome.code);
-        EXPECT_NE(std::string::npos, outcome.out.find("reelmill")) << outcome.out;
-        EXPECT_EQ("", outcome.err);
-    }
-    EXPECT_NE(std::string::npos, RunHost({"wrap", "--help"}).out.find("--fps"));
-}
-
 TEST_F(HostWrapTest, UsageErrors)
 {
     const std::string wave = MakeWave();
@@ -512,7 +500,8 @@ TEST_F(HostWrapTest, AnInputThatBreaksOffIsKeptToItsLastWholeSample)
                  {"in.w64", kTone, false},
                  {"in.aiff", kTone, false},
                  {"in.caf", kTone, false},
-                 {"in.dv", dv, false, 144000}};
+                 {"in.dv", dv, false, 144000},
+                 {"raw.nut", kPicture + "-c:v rawvideo -pix_fmt uyvy422", true}};
     for (const auto& [name, options, hasTail, header] : cases)
     {
         const std::string source = options.empty() ? Path(name) : Make(name, options);
@@ -568,6 +557,17 @@ TEST_F(HostWrapTest, AnInputThatBreaksOffIsKeptToItsLastWholeSample)
         EXPECT_NE(std::string::npos, allowed.out.find("note: \"" + cut + "\" breaks off: ")) << allowed.out;
         fs::remove(Path("out.mov"));
     }
+}
+
+TEST_F(HostWrapTest, PacketsMarkedAsDamagedAreTold)
+{
+    const std::string source = Make("in.mov", kPicture + "-c:v mjpeg -pix_fmt yuvj420p");
+    Host::MediaSource media(source, {0, 1}, false, false);
+    Host::Completeness completeness(source, media.GetFormat());
+    Host::PacketPtr packet = media.ReadPacket();
+    EXPECT_EQ(Host::Completeness::Verdict::kWhole, completeness.Take(*packet));
+    packet->flags |= AV_PKT_FLAG_CORRUPT;
+    EXPECT_EQ(Host::Completeness::Verdict::kDamaged, completeness.Take(*packet));
 }
 
 TEST_F(HostWrapTest, AnInputMayBecomeShorterWhileItIsRead)
