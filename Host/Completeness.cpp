@@ -174,7 +174,7 @@ bool ReadKLV(Header inHeader, std::int64_t inOffset, Element& outElement)
     };
     const std::uint8_t first = inHeader[kKeySize];
     const std::size_t extra = first < 0x80 ? 0 : first & 0x7FU;
-    if (!isAt(0, kLabel) || extra > 8)
+    if (!isAt(0, kLabel) || extra > 8 || first == 0x80) // 0x80 leaves the length open.
     {
         outElement.kind = Element::Kind::kUnknown;
         return true;
