@@ -366,14 +366,14 @@ Tolbin::Result JournalWriter::AddTrack(const JournalTrack& inTrack)
     PutNumber(Bits32(inTrack.width));
     PutNumber(Bits32(inTrack.height));
     PutDescription(inTrack.description);
-    const std::uint64_t track = mTracks.size();
-    mTracks.push_back({.last = {.track = track}, .next = track});
     const Tolbin::Result result = Write();
     if (result < 0)
     {
-        mTracks.pop_back();
         mEnd = begin;
+        return result;
     }
+    const std::uint64_t track = mTracks.size();
+    mTracks.push_back({.last = {.track = track}, .next = track});
     return result;
 }
 
@@ -556,6 +556,8 @@ Tolbin::Result JournalWriter::WriteThrough()
 
 Tolbin::Result JournalWriter::Close()
 {
+    mFrame = {};
+    mEnd = sizeof(JournalFrameHeader);
     return mFile.Close();
 }
 

@@ -68,6 +68,7 @@ public:
     //! `Write`, and returns once it is on the device.
     Tolbin::Result WriteThrough();
 
+    //! Closes the file without writing what is collected, and lets go of its memory.
     Tolbin::Result Close();
 
 private:

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -285,14 +286,10 @@ public:
         }
         const Tolbin::Result closeResult = mWriter->Close();
         result = closeResult < 0 ? closeResult : mWriter->GetPlaceholderResult();
-        if (result >= 0)
-        {
-            result = SyncFile(mPath);
-        }
         static_cast<void>(mJournal.Close()); // All of it was brought to the device.
         if (result >= 0)
         {
-            result = Ventra::File::Remove(mJournalPath);
+            result = EndJournal();
         }
         return result < 0 ? result : closeResult;
     }
@@ -327,6 +324,20 @@ private:
         }
         const Tolbin::Result syncResult = SyncFile(mPath);
         return syncResult < 0 ? syncResult : result;
+    }
+
+    //! Brings the finished movie to the device and removes the journal, which stays after a failure.
+    Tolbin::Result EndJournal() const
+    {
+        try
+        {
+            const Tolbin::Result result = SyncFile(mPath);
+            return result < 0 ? result : Ventra::File::Remove(mJournalPath);
+        }
+        catch (const std::bad_alloc&)
+        {
+            return Tolbin::kResultOutOfMemory;
+        }
     }
 
     //! Makes a call of the writer and puts its record into the journal. Memory for the record comes first: what the
@@ -373,6 +384,7 @@ private:
         {
             return result;
         }
+        mPendingEnd = 0; // What the host's code may call meanwhile comes here, and is refused.
         // Also after an exception, which need not mean that the movie lacks the sample.
         const AtExit settle([&] {
             mTracks[track].journaled = mWriterTracks[track]->samples.size();
@@ -442,7 +454,7 @@ private:
                 mJournal.Revoke();
                 static_cast<void>(isTried ? mJournal.Write() : 0); // The file ends before the sample does anyway.
             }
-            if (isTried && inSample.size > 0)
+            else if (inSample.size > 0)
             {
                 mBlockEnd = mWriter->GetMediaEnd() + static_cast<std::int64_t>(mWriter->GetBlockRoom());
             }
@@ -508,7 +520,13 @@ private:
     void TakeBackCreate()
     {
         Abandon();
-        static_cast<void>(Ventra::File::Remove(mJournalPath));
+        try
+        {
+            static_cast<void>(Ventra::File::Remove(mJournalPath));
+        }
+        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the host is told of the first failure.
+        {
+        }
     }
 
     Tolbin::UTF16String mJournalPath;
@@ -536,7 +554,7 @@ Tolbin::Result CloseMovieWithMedia(Reelmill& ioMovie)
     {
         return journaled->CloseAt(/*inEndsWithMedia*/ true);
     }
-    if (auto* const plain = dynamic_cast<PrivateReelmill*>(&ioMovie))
+    if (auto* const plain = dynamic_cast<PrivateReelmill*>(&ioMovie); plain != nullptr && plain->Flush() >= 0)
     {
         FitTracksToMedia(plain->GetTracks());
     }

@@ -1,5 +1,7 @@
 #include "StoredDescription.h"
 
+#include "QTDiskTypes.h"
+
 #include <boost/make_shared.hpp>
 
 namespace QT
@@ -117,7 +119,11 @@ StoredDescription StoreDescription(QTSampleDescription& inDescription) noexcept
     }
     catch (...)
     {
-        stored.entry.clear(); // As the writer's `Close`, which takes it for a failure of the track.
+        stored.entry = {}; // As the writer's `Close`, which takes it for a failure of the track.
+    }
+    if (stored.entry.size() > kMaxAtomSize)
+    {
+        stored.entry = {};
     }
     return stored;
 }

@@ -47,7 +47,7 @@ struct StoredDescription
     bool operator==(const StoredDescription&) const = default;
 };
 
-//! An exception of the description counts as no bytes.
+//! An exception of the description counts as no bytes, and so do more than an atom can hold.
 StoredDescription StoreDescription(QTSampleDescription& inDescription) noexcept;
 
 //! A description that gives these answers, whatever it is told.

@@ -101,7 +101,7 @@ public:
     //! Takes back the track that was added last and has no samples.
     void RemoveLastTrack() { tracks.erase(std::prev(tracks.end())); }
 
-    //! For a scope, every call is refused with `kQTErrBadState`: the host's code runs amid a call of the writer.
+    //! For a scope, every call is refused with `kQTErrBadState`: code of the host's runs amid one.
     class Pause
     {
     public:
@@ -220,10 +220,14 @@ inline void PrivateReelmill::ReserveOneMore(MediaSampleVector& ioSamples)
     const auto newDuration =
         static_cast<std::uint64_t>(ioTrack.duration + std::int64_t{inSample.sampleCount} * inSample.sampleDuration);
     ioTrack.duration = static_cast<std::int32_t>(Low32(newDuration));
-    TOLBIN_ASSERT(
-        (newDuration & 0xFFFFFFFF80000000LL) == 0,
-        "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
-        "being written in an invalid state.\n");
+    if ((newDuration & 0xFFFFFFFF80000000LL) != 0)
+    {
+        const Pause pause(*this); // Inline: a call of a member costs each sample sixteen instructions.
+        TOLBIN_REPORT(
+            "(newDuration & 0xFFFFFFFF80000000LL) == 0",
+            "Signed 32-bit overflow in PrivateReelmill::AddMediaSample.  Do not ignore this problem.  The file is "
+            "being written in an invalid state.\n");
+    }
 }
 
 template <typename CountZeros>

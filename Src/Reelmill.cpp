@@ -39,7 +39,8 @@ const char* QTResultMessage(Tolbin::Result inResult)
     case kQTErrNullUserData:
         return "a user data item came without a data pointer";
     case kQTErrBadState:
-        return "the movie is not open: it was not created, its creation failed, or it is closed already";
+        return "the movie is not open: it was not created, its creation failed, it is closed already, or it is amid "
+               "another call";
     case kQTErrBadArgument:
         return "an argument, or the volume's disk-buffer size, has a value that no movie can be written with";
     case kQTErrTooLarge:
@@ -369,7 +370,7 @@ void PrivateReelmill::Grow(MediaSampleVector& ioSamples)
             ioSamples.reserve(std::max(kFarCapacity, 2 * twice));
             return;
         }
-        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): the process may not have that much address space.
+        catch (const std::bad_alloc&) // NOLINT(bugprone-empty-catch): there may not be that much.
         {
         }
     }
@@ -431,7 +432,12 @@ Tolbin::Result PrivateReelmill::AddTextMediaSample(TrackID inTrackID, const Tolb
 
 int PrivateReelmill::GetMovieDuration()
 {
-    return state == State::Streaming ? GetLongestDuration() : 0;
+    if (state != State::Streaming)
+    {
+        return 0;
+    }
+    const Pause pause(*this); // It may report.
+    return GetLongestDuration();
 }
 
 int PrivateReelmill::GetLongestDuration() const

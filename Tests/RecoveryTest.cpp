@@ -666,6 +666,36 @@ TEST_F(Recovery, DescriptionsAreThoseOfTheLastBlock)
     EXPECT_EQ(FindAtom(Movie(), "moov/trak[1]/mdia/minf/stbl/stsd").back(), 3);
 }
 
+TEST_F(Recovery, ReportHandlerNeitherLosesNorRepeatsSamples)
+{
+    const SettingScope blocks("Reelmill.NFSWriteSizeInKBytes", "1024");
+    {
+        const auto journaled = QT::CreateJournaledReelmill();
+        ASSERT_EQ(journaled->Create(path, 100), 0);
+        QT::TrackID track = 0;
+        ASSERT_EQ(journaled->NewMovieTrack(QT::kQTMediaTypeVideo, 25, 64, 48, MakeVideo(), track), 0);
+        const auto add = [&](int inSize) {
+            std::string data(static_cast<std::size_t>(inSize), 'x');
+            return journaled->AddMediaSample(track, data.data(), inSize, 1, -1, 0, false);
+        };
+        const auto previous = Tolbin::debug::SetReportHandler([&](const Tolbin::debug::Report&, bool&) -> bool {
+            EXPECT_EQ(add(5), QT::kQTErrBadState);
+            EXPECT_EQ(journaled->Close(), QT::kQTErrBadState);
+            throw 7;
+        });
+        for (const int size : {5, 200000, 1 << 20, 1 << 20})
+        {
+            EXPECT_THROW(add(size), int);
+        }
+        Tolbin::debug::SetReportHandler(previous);
+    }
+    const ReportCapture reports;
+    RecoveryReport report;
+    ASSERT_EQ(Recover(report), 0);
+    EXPECT_EQ(report.damagedPlaces, 0u);
+    EXPECT_BYTES(FindAtom(Movie(), "moov/trak/mdia/minf/stbl/stsz"), "#32 'stsz' #0 #0 #3 #5 #200000 #1048576");
+}
+
 //! Fails every other full frame of a journal, and counts them. Blocks of media have other sizes.
 class FrameFailingFileSystem final : public ForwardingFileSystem
 {

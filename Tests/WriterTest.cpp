@@ -98,6 +98,7 @@ const Operation kOperations[] = {
      true},
     {"Flush", [](QT::Reelmill& inWriter, QT::TrackID) { return inWriter.Flush(); }},
     {"Close", [](QT::Reelmill& inWriter, QT::TrackID) { return inWriter.Close(); }},
+    {"CloseMovieWithMedia", [](QT::Reelmill& inWriter, QT::TrackID) { return QT::CloseMovieWithMedia(inWriter); }},
 };
 
 //! Both writers.
@@ -127,13 +128,17 @@ TEST_P(WriterState, IsCheckedFirst)
     QT::TrackID track = 0;
     const auto description = Describe([&, &call = operation.call](BinaryDataArray& outEntry) {
         EXPECT_EQ(call(*writer, track), kQTErrBadState) << "amid a call";
+        EXPECT_EQ(Add(track, "media"), kQTErrBadState) << "also where nothing else is wrong";
         EXPECT_EQ(writer->GetMovieDuration(), 0);
         QT::CreateTextDescription()->GetAsBinary(outEntry);
         ++asked;
     });
+    const QT::TrackID text = NewTrack(QT::kQTMediaTypeText);
     track = NewTrack(QT::kQTMediaTypeVideo, 600, description);
     ASSERT_EQ(Add(track, "media", 1, 600), 0);
-    EXPECT_EQ(writer->GetMovieDuration(), 600) << "the call goes on";
+    ASSERT_EQ(writer->AddTextMediaSample(text, u"One", 400), 0);
+    ASSERT_EQ(writer->AddTextMediaSample(text, u"Two", 600), 0);
+    EXPECT_EQ(writer->GetMovieDuration(), 1000) << "the call goes on";
     if (operation.takesTrack)
     {
         EXPECT_EQ(operation.call(*writer, 999), kQTErrUnknownTrackID);
@@ -142,6 +147,7 @@ TEST_P(WriterState, IsCheckedFirst)
     ASSERT_EQ(writer->Close(), 0);
     EXPECT_GT(asked, 0);
     const BinaryDataArray movie = Movie();
+    EXPECT_BYTES(FindAtom(movie, "moov/trak/mdia/minf/stbl/stts"), "#32 'stts' #0 #2 #1 #400 #1 #600");
     EXPECT_EQ(operation.call(*writer, track), kQTErrBadState) << "after Close";
     EXPECT_EQ(writer->Create(path, 600), kQTErrBadState);
     EXPECT_EQ(writer->GetMovieDuration(), 0);

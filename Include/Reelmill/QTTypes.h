@@ -41,7 +41,8 @@ constexpr Tolbin::Result kQTErrUnknownTrackID = Tolbin::MakeResult(0xA0810001); 
 constexpr Tolbin::Result kQTErrUnknownMediaType = Tolbin::MakeResult(0xA0810002); //!< Not one of the five media types.
 constexpr Tolbin::Result kQTErrNullUserData = Tolbin::MakeResult(0xA0810003);     //!< User data without a pointer.
 constexpr Tolbin::Result kQTErrBadState = Tolbin::MakeResult(0xA0810004);    //!< Before a successful `Create`, a second
-                                                                             //!< `Create`, or after `Close`.
+                                                                             //!< `Create`, after `Close`, or amid
+                                                                             //!< another call.
 constexpr Tolbin::Result kQTErrBadArgument = Tolbin::MakeResult(0xA0810005); //!< An argument that no movie can hold.
 constexpr Tolbin::Result kQTErrTooLarge = Tolbin::MakeResult(0xA0810006);    //!< An atom would pass its 32-bit size.
 constexpr Tolbin::Result kQTErrBadJournal = Tolbin::MakeResult(0xA0810007);  //!< No journal that can be read here.

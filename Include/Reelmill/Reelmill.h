@@ -26,7 +26,8 @@ namespace QT
 //!
 //! Where memory for the bookkeeping of a call cannot be had, `std::bad_alloc` leaves the call, which has changed nothing
 //! and may be made again; after one that leaves `Create` the writer is only destroyed. What a report handler of the
-//! host's throws leaves the call as well; samples that the call reports on are in the movie all the same.
+//! host's throws leaves the call as well, and so does a lack of memory for a report's text: samples whose duration is
+//! reported on are in the movie then. A report handler must not call the movie.
 //!
 //! Errors of the system are results, `Tolbin::ResultFromSystemError(errno)`, once the host has seen to one thing: under
 //! a limit on the size of files (RLIMIT_FSIZE, `ulimit -f`) the system ends a process that writes beyond it, with the
@@ -65,8 +66,8 @@ public:
     //! times what it has; it takes no memory until it is used, unless the host has locked all memory to come.
     //!
     //! \param inData            `inDataSize` bytes, written unchanged; copied before the call returns
-    //! \param inSampleCount     how many samples of equal size and duration the bytes hold; with 0 the call has no part
-    //!                          in 'stsz', but makes a chunk as any other
+    //! \param inSampleCount     how many samples of equal size and duration the bytes hold; a call with 0 has no part in
+    //!                          'stsz'
     //! \param inSampleDuration  duration of each of them in the track's media units
     //! \param inAuxValue, inAuxFlag  stored with the record; no atom uses them
     //! \return 0 or above; `kQTErrBadArgument` for a negative size or count, or a null pointer with a size above 0;

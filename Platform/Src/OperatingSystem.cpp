@@ -210,14 +210,20 @@ std::uint64_t GetMemorySize()
         {
             continue;
         }
-        // A group has no more than those above it.
-        for (std::string group = line.substr(kVersion2.size()); !group.empty(); group.erase(group.rfind('/')))
+        // A group has no more than those above it. The first is named "/", and a container's own may be too.
+        std::string group = line.substr(kVersion2.size());
+        while (true)
         {
             std::uint64_t limit = 0;
             if (std::ifstream("/sys/fs/cgroup" + group + "/memory.max") >> limit) // "max" is no number.
             {
                 least = std::min(least, limit);
             }
+            if (group.empty())
+            {
+                break;
+            }
+            group.erase(group.rfind('/'));
         }
     }
     return least;
