@@ -1,4 +1,5 @@
 #include "JournalWriter.h"
+#include "Support/AllocationLimit.h"
 #include "Support/FailingFileSystem.h"
 #include "Support/MovieTest.h"
 #include "Support/RecordingFileSystem.h"
@@ -543,6 +544,40 @@ TEST_F(Recovery, AllZerosThatEndAPendingSampleAreItsOwn)
     ASSERT_EQ(Recover(report), 0);
     EXPECT_EQ(report.samplesKept, 10u);
     EXPECT_EQ(report.samplesDropped, 1u);
+}
+
+//! `Close` may be made again, or has told that the journal is needed.
+TEST_F(Recovery, CloseThatFindsNoMemoryLosesNothing)
+{
+    if (!AllocationLimit::Works())
+    {
+        GTEST_SKIP() << "a memory checker has taken over operator new";
+    }
+    bool hasStruck = true;
+    for (int number = 1; hasStruck; ++number)
+    {
+        SCOPED_TRACE(number);
+        std::filesystem::remove(directory.Path("movie.mov"));
+        const auto journaled = QT::CreateJournaledReelmill();
+        Play(*journaled, 3);
+        Result result = 0;
+        const ReportCapture reports;
+        try
+        {
+            const AllocationFault fault(number);
+            result = journaled->Close();
+            hasStruck = AllocationFault::HasStruck();
+        }
+        catch (const std::bad_alloc&)
+        {
+            result = journaled->Close();
+            EXPECT_EQ(result, 0);
+        }
+        RecoveryReport report;
+        ASSERT_EQ(result < 0 ? Recover(report) : result, 0);
+        ASSERT_EQ(Big32(FindAtom(Movie(), "moov/trak/mdia/minf/stbl/stsz"), 16), 2u);
+        ASSERT_FALSE(std::filesystem::exists(Journal()));
+    }
 }
 
 //! A description that gives no bytes makes no track, and no movie that is called finished.
