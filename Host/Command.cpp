@@ -338,7 +338,7 @@ int RunCommand(int argc, const char* const* argv, std::ostream& out, std::ostrea
         const auto isForPrograms = [](const CLI::App* inCommand) { return inCommand->count("--json") > 0; };
         if (std::any_of(reporting.begin(), reporting.end(), isForPrograms))
         {
-            PrintFailureJson(inExitCode, FormatNames(inSentence), out);
+            PrintFailureJson(inExitCode, inSentence, out);
         }
         return static_cast<int>(inExitCode);
     };

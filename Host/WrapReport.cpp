@@ -14,6 +14,23 @@ namespace
 
 using Json = nlohmann::ordered_json;
 
+//! Sentences with names of files in them.
+template <typename Range, typename TextOf>
+Json FormatAll(const Range& inSentences, TextOf inTextOf)
+{
+    Json texts = Json::array();
+    for (const auto& sentence : inSentences)
+    {
+        texts.push_back(FormatNames(inTextOf(sentence)));
+    }
+    return texts;
+}
+
+Json FormatAll(const std::vector<std::string>& inSentences)
+{
+    return FormatAll(inSentences, [](const std::string& inSentence) { return inSentence; });
+}
+
 Json DescribeSummary(const WrapSummary& inSummary)
 {
     Json tracks = Json::array();
@@ -37,7 +54,7 @@ Json DescribeSummary(const WrapSummary& inSummary)
                 {"size", layout.movieSize},
                 {"position", layout.IsMovieInFront() ? "front" : "end"}}},
               {"mdat", {{"offset", layout.mediaOffset}}}}},
-            {"notes", inSummary.notes}};
+            {"notes", FormatAll(inSummary.notes)}};
 }
 
 //! Names of files may be no UTF-8, and JSON must be.
@@ -48,7 +65,7 @@ void Print(const Json& inObject, std::ostream& out)
 
 Json Head(ExitCode inExitCode, const std::vector<std::string>& inErrors)
 {
-    return {{"exitCode", static_cast<int>(inExitCode)}, {"errors", inErrors}};
+    return {{"exitCode", static_cast<int>(inExitCode)}, {"errors", FormatAll(inErrors)}};
 }
 
 } // namespace
@@ -103,11 +120,8 @@ void PrintPredictionJson(const WrapPrediction& inPrediction, std::ostream& out)
         object.update(DescribeSummary(*inPrediction.summary));
     }
     object["freeSpace"] = inPrediction.freeSpace ? Json(*inPrediction.freeSpace) : Json(nullptr);
-    object["refusals"] = Json::array();
-    for (const CommandError& refusal : inPrediction.refusals)
-    {
-        object["refusals"].push_back(refusal.what());
-    }
+    object["refusals"] =
+        FormatAll(inPrediction.refusals, [](const CommandError& inRefusal) { return inRefusal.what(); });
     Print(object, out);
 }
 
