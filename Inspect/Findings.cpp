@@ -3,13 +3,6 @@
 namespace Inspect
 {
 
-namespace
-{
-
-constexpr std::uint64_t kMaxListedPerCheck = 100;
-
-} // namespace
-
 void Findings::Add(Severity inSeverity, CheckName inCheck, std::uint64_t inOffset, std::uint32_t inTrack,
                    const std::string& inWhat)
 {

@@ -136,6 +136,9 @@ struct Finding
     std::string what;     //!< One sentence without a full stop.
 };
 
+//! So many findings of one check are listed.
+inline constexpr std::uint64_t kMaxListedPerCheck = 100;
+
 //! Collects findings. Past a limit those of one check are only counted, so that a file that is wrong throughout stays
 //! readable and nothing else is lost from sight.
 class Findings

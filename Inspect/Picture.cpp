@@ -40,7 +40,7 @@ public:
 
 private:
     static constexpr std::size_t kBlockSize = 1024;
-    static constexpr std::uint64_t kMaxBlocks = 4096;
+    static constexpr std::uint64_t kMaxBlocks = 256;
 
     std::uint64_t Take(std::size_t inCount)
     {
@@ -76,12 +76,36 @@ private:
     bool mHasFailed = false;
 };
 
+constexpr std::uint8_t kEndOfImage = 0xD9; //!< Of JPEG and JPEG 2000, after FF.
+
 //! Whether the source ends with some bytes.
 bool EndsWith(const ByteSource& inBytes, const std::vector<std::uint8_t>& inEnd)
 {
     std::vector<std::uint8_t> end(inEnd.size());
     return inBytes.GetSize() >= end.size() && inBytes.Read(inBytes.GetSize() - end.size(), end) == end.size() &&
            end == inEnd;
+}
+
+//! Whether an end marker of JPEG or JPEG 2000, FF D9, lies between two offsets. Looks from the end on, as other data may
+//! follow it. In compressed data nothing looks like it; in a head something may, such as the end of a small picture.
+bool HasEndMarker(const ByteSource& inBytes, std::uint64_t inBegin, std::uint64_t inEnd)
+{
+    constexpr std::uint64_t kMaxBlockSize = 1u << 16;
+    static constexpr std::array<std::uint8_t, 2> kMarker = {0xFF, kEndOfImage};
+    std::vector<std::uint8_t> block;
+    std::uint64_t blockSize = kMarker.size(); // Nothing follows most.
+    for (std::uint64_t end = inEnd; end > inBegin && end - inBegin >= kMarker.size(); blockSize = kMaxBlockSize)
+    {
+        const std::uint64_t begin = end - std::min(end - inBegin, blockSize);
+        block.resize(end - begin);
+        block.resize(inBytes.Read(begin, block));
+        if (std::search(block.begin(), block.end(), kMarker.begin(), kMarker.end()) != block.end())
+        {
+            return true;
+        }
+        end = begin + 1; // The marker may lie across two blocks.
+    }
+    return false;
 }
 
 // ---- PNG ----
@@ -133,10 +157,10 @@ bool IsWholePNG(const ByteSource& inBytes)
 // ---- JPEG ----
 
 constexpr std::uint8_t kStartOfImage = 0xD8;
-constexpr std::uint8_t kEndOfImage = 0xD9;
 
 // 0 FF D8, then segments: FF, marker, 16-bit size that counts itself. Of the frame header: bits a sample, height,
-// width, number of components, and of each its ID, sampling factors and table.
+// width, number of components, and of each its ID, sampling factors and table. Of the segments before it, any may hold a
+// small picture.
 std::optional<Picture> ReadJPEG(BlockReader& ioReader)
 {
     constexpr std::uint8_t kFirstStartOfFrame = 0xC0;
@@ -150,8 +174,11 @@ std::optional<Picture> ReadJPEG(BlockReader& ioReader)
     {
         return std::nullopt;
     }
+    Picture picture;
+    unsigned int bits = 0;
+    std::vector<std::string> sampling;
     std::string transform;
-    for (;;)
+    while (picture.minimumSize == 0)
     {
         if (ioReader.U8() != 0xFF)
         {
@@ -162,8 +189,9 @@ std::optional<Picture> ReadJPEG(BlockReader& ioReader)
         {
             marker = ioReader.U8(); // Any number of FF may come before it.
         }
-        const std::uint64_t end = ioReader.GetOffset() + ioReader.U16();
-        if (ioReader.HasFailed() || marker == kStartOfScan || marker == kEndOfImage)
+        const std::uint64_t begin = ioReader.GetOffset();
+        const std::uint64_t end = begin + ioReader.U16();
+        if (ioReader.HasFailed() || marker == kEndOfImage || (marker == kStartOfScan && sampling.empty()))
         {
             return std::nullopt;
         }
@@ -172,54 +200,32 @@ std::optional<Picture> ReadJPEG(BlockReader& ioReader)
             ioReader.Skip(7);
             transform = ioReader.U8() == 0 ? ", untransformed" : "";
         }
-        if (marker >= kFirstStartOfFrame && marker <= kLastStartOfFrame && marker != kHuffmanTables &&
-            marker != kExtension && marker != kArithmeticTables)
+        if (sampling.empty() && marker >= kFirstStartOfFrame && marker <= kLastStartOfFrame &&
+            marker != kHuffmanTables && marker != kExtension && marker != kArithmeticTables)
         {
-            break;
+            bits = ioReader.U8();
+            picture.height = ioReader.U16();
+            picture.width = ioReader.U16();
+            sampling.resize(ioReader.U8());
+            for (std::string& factors : sampling)
+            {
+                ioReader.Skip(1);
+                const unsigned int value = ioReader.U8();
+                factors = fmt::format("{}x{}", value >> 4, value & 0xF);
+                ioReader.Skip(1);
+            }
+        }
+        if (marker == kStartOfScan)
+        {
+            picture.minimumSize = end; // The compressed data begins.
         }
         ioReader.Seek(end);
-    }
-    Picture picture;
-    const unsigned int bits = ioReader.U8();
-    picture.height = ioReader.U16();
-    picture.width = ioReader.U16();
-    std::vector<std::string> sampling(ioReader.U8());
-    for (std::string& factors : sampling)
-    {
-        ioReader.Skip(1);
-        const unsigned int value = ioReader.U8();
-        factors = fmt::format("{}x{}", value >> 4, value & 0xF);
-        ioReader.Skip(1);
     }
     // One component is not subsampled, whatever its factors.
     picture.form = sampling.size() == 1 ? fmt::format("{}-bit grey", bits)
                                         : fmt::format("{}-bit, {} components sampled {}{}", bits, sampling.size(),
                                                       fmt::join(sampling, ", "), transform);
     return picture;
-}
-
-//! Looks for the end marker from the end on, as other data may follow it. In compressed data, FF has 00 after it.
-bool IsWholeJPEG(const ByteSource& inBytes)
-{
-    constexpr std::uint64_t kBlockSize = 1u << 16;
-    std::vector<std::uint8_t> block;
-    static constexpr std::array<std::uint8_t, 2> kEnd = {0xFF, kEndOfImage};
-    if (EndsWith(inBytes, {kEnd.begin(), kEnd.end()}))
-    {
-        return true;
-    }
-    for (std::uint64_t end = inBytes.GetSize(); end > kEnd.size();)
-    {
-        const std::uint64_t begin = end - std::min(end, kBlockSize);
-        block.resize(end - begin);
-        block.resize(inBytes.Read(begin, block));
-        if (std::search(block.begin(), block.end(), kEnd.begin(), kEnd.end()) != block.end())
-        {
-            return true;
-        }
-        end = begin == 0 ? 0 : begin + 1; // The marker may lie across two blocks.
-    }
-    return false;
 }
 
 // ---- TIFF ----
@@ -266,6 +272,7 @@ std::optional<Picture> ReadTIFF(BlockReader& ioReader)
         kStripOffsets = 273,
         kSamplesPerPixel = 277,
         kStripByteCounts = 279,
+        kColourMap = 320,
         kTileOffsets = 324,
         kTileByteCounts = 325,
     };
@@ -292,7 +299,10 @@ std::optional<Picture> ReadTIFF(BlockReader& ioReader)
         const std::uint16_t type = ioReader.U16();
         const std::uint32_t valueCount = ioReader.U32();
         const std::uint64_t valuesSize = std::uint64_t{valueCount} * ValueSize(type);
-        if (valuesSize > kMaxInlineSize)
+        static constexpr std::array<std::uint16_t, 6> kNeeded = {kBitsPerSample, kStripOffsets, kStripByteCounts,
+                                                                 kColourMap,     kTileOffsets,  kTileByteCounts};
+        const bool isNeeded = std::find(kNeeded.begin(), kNeeded.end(), tag) != kNeeded.end();
+        if (isNeeded && valuesSize > kMaxInlineSize)
         {
             picture.minimumSize = std::max(picture.minimumSize, ioReader.U32() + valuesSize);
             ioReader.Seek(directory + 2 + kFieldSize * index + 8);
@@ -482,13 +492,20 @@ std::optional<Picture> ReadJPEG2000(BlockReader& ioReader)
 
 bool IsWholeJPEG2000(const Picture& inPicture, const ByteSource& inBytes)
 {
-    if (inPicture.minimumSize < 2 || inPicture.minimumSize > inBytes.GetSize())
+    constexpr std::uint16_t kStartOfTile = 0xFF90;
+    BlockReader reader(inBytes);
+    const std::optional<Codestream> stream = FindCodestream(reader);
+    if (!stream || inPicture.minimumSize > inBytes.GetSize())
     {
         return false;
     }
-    BlockReader reader(inBytes);
-    reader.Seek(inPicture.minimumSize - 2);
-    return reader.U16() == (0xFF00 | kEndOfImage);
+    reader.Seek(stream->begin + 2);
+    while (reader.U16() != kStartOfTile && !reader.HasFailed())
+    {
+        const std::uint64_t begin = reader.GetOffset();
+        reader.Seek(begin + reader.U16());
+    }
+    return !reader.HasFailed() && HasEndMarker(inBytes, reader.GetOffset(), inPicture.minimumSize);
 }
 
 } // namespace
@@ -518,7 +535,7 @@ bool IsWhole(std::uint32_t inFormat, const Picture& inPicture, const ByteSource&
     case FourCC("png "):
         return IsWholePNG(inBytes);
     case FourCC("jpeg"):
-        return IsWholeJPEG(inBytes);
+        return HasEndMarker(inBytes, inPicture.minimumSize, inBytes.GetSize());
     case FourCC("tga "):
         return IsWholeTGA(inPicture, inBytes);
     case FourCC("mjp2"):

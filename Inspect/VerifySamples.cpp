@@ -144,15 +144,18 @@ bool IsText(const SampleSource& inSample)
     return ByteReader(length).U16() == inSample.GetSize() - kLengthSize - kEncodingSize;
 }
 
-//! Whether a picture fits its description. A JPEG image may be filled up to whole blocks, or be one of two fields.
-bool HasSize(const Picture& inPicture, const VideoFormat& inVideo)
+//! Whether a picture fits its description. A JPEG image may be filled up to whole blocks; JPEG and JPEG 2000 ones may be
+//! one of two fields.
+bool HasSize(std::uint32_t inFormat, const Picture& inPicture, const VideoFormat& inVideo)
 {
     constexpr std::uint32_t kBlock = 16;
-    const auto fits = [](std::uint32_t inSize, std::uint32_t inStated) {
-        return inSize >= inStated && inSize - inStated < kBlock && (inSize == inStated || inSize % 8 == 0);
+    const bool isJPEG = inFormat == FourCC("jpeg");
+    const bool hasFields = isJPEG || inFormat == FourCC("mjp2");
+    const auto fits = [isJPEG](std::uint32_t inSize, std::uint32_t inStated) {
+        return inSize == inStated || (isJPEG && inSize > inStated && inSize - inStated < kBlock && inSize % 8 == 0);
     };
     return fits(inPicture.width, inVideo.width) &&
-           (fits(inPicture.height, inVideo.height) || fits(2 * inPicture.height, inVideo.height));
+           (fits(inPicture.height, inVideo.height) || (hasFields && fits(2 * inPicture.height, inVideo.height)));
 }
 
 class SampleVerifier
@@ -260,7 +263,7 @@ private:
         {
             Error("media-kind", inOffset, fmt::format("sample {} of the video track is a text", inNumber));
         }
-        else if (inEntry.video && IsPictureFormat(inEntry.format))
+        else if (inEntry.video && IsPictureFormat(inEntry.format) && mBadPictures < kMaxListedPerCheck)
         {
             CheckPicture(inEntry, inNumber, inOffset, sample);
         }
@@ -272,14 +275,22 @@ private:
         const std::optional<Picture> picture = ReadPicture(inEntry.format, inSample);
         if (!picture)
         {
-            Error("picture", inOffset, fmt::format("sample {} is no {} picture", inNumber, FourCCText(inEntry.format)));
+            BadPicture(inOffset, fmt::format("sample {} is no {} picture", inNumber, FourCCText(inEntry.format)));
         }
-        else if (!HasSize(*picture, *inEntry.video))
+        else if (!HasSize(inEntry.format, *picture, *inEntry.video))
         {
-            Error("picture", inOffset,
-                  fmt::format("the picture of sample {} has {} x {} pixels, its description says {} x {}", inNumber,
-                              picture->width, picture->height, inEntry.video->width, inEntry.video->height));
+            BadPicture(inOffset,
+                       fmt::format("the picture of sample {} has {} x {} pixels, its description says {} x {}",
+                                   inNumber, picture->width, picture->height, inEntry.video->width,
+                                   inEntry.video->height));
         }
+    }
+
+    //! No more pictures of a track are read than findings are listed: in hostile files each costs many reads.
+    void BadPicture(std::uint64_t inOffset, const std::string& inWhat)
+    {
+        const bool isLast = ++mBadPictures == kMaxListedPerCheck;
+        Error("picture", inOffset, inWhat + (isLast ? "; further pictures of the track are not read" : ""));
     }
 
     void Error(CheckName inCheck, std::uint64_t inOffset, const std::string& inWhat)
@@ -292,6 +303,7 @@ private:
     std::uint64_t& mUnread;
     Findings& mFindings;
     Kind mKind;
+    std::uint64_t mBadPictures = 0;
 };
 
 } // namespace

@@ -229,7 +229,11 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
         EXPECT_NE(std::string::npos, good.out.find("4 frames")) << good.out;
         fs::remove(Path("out.mov"));
         const std::string third = name("image3") + "\" ";
-        const std::string whole = read("image3");
+        std::string whole = read("image3");
+        if (suffix == "jpg")
+        {
+            whole.insert(2, std::string("\xFF\xE1\0\6\xFF\xD8\xFF\xD9", 8)); // A small picture in the head.
+        }
         const std::string cut =
             suffix == "tif" ? "is no tiff image" : "is cut off"; // What says its form is at its end.
         for (const auto& [content, reason] : {std::pair<std::string, std::string>{"", "is empty"},
@@ -252,10 +256,16 @@ TEST_F(HostWrapTest, RefusesImagesThatMakeNoSequenceByName)
         WriteFile(Path(name("image1")), whole.substr(0, whole.size() - 30));
         ExpectRefusal(2, name("image1"), {"wrap", Path(name("image1")), "-o", Path("out.mov"), "--fps", "25"});
     }
-    // What stands behind an image is no fault of it.
-    for (const std::string suffix : {"png", "jpg"})
+    // What follows an image, and a resolution that lies nowhere, are no faults of it.
+    const std::string resolution("\x1A\1\5\0\1\0\0\0", 8);
+    for (const std::string suffix : {"png", "jpg", "j2k", "tif"})
     {
-        WriteFile(Path("image1." + suffix), Text(ReadFile(Path("image2." + suffix))) + std::string(70000, '\0'));
+        std::string image = Text(ReadFile(Path("image2." + suffix))) + std::string(70000, '\0');
+        if (suffix == "tif")
+        {
+            image.replace(image.find(resolution) + 8, 4, "\xFF\xFF\xFF\x0F");
+        }
+        WriteFile(Path("image1." + suffix), image);
         fs::copy_file(Path("image2." + suffix), Path("image3." + suffix));
         EXPECT_EQ(0, RunHost({"wrap", Path("image%d." + suffix), "-o", Path("out.mov"), "--fps", "25", "-y"}).code);
     }

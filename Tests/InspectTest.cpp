@@ -496,7 +496,7 @@ const std::vector<Fault>& Faults()
         // Samples.
         {"uncompressed frames with too few bytes", "frame-short", kError,
          [](EditableMovie& m) { m.Track(kVideo)["apcn"].type = "2vuy"; }},
-        {"a picture of another size", "picture", kError, Pictures(std::string(12, '\0') + "\xD0\2\xE1\1")},
+        {"a picture of another size", "picture", kError, Pictures(std::string("\0\0\x0A\0\0\0\0\0\0\0\0\0\xD8\2", 14))},
         {"a picture that is none", "picture", kError, Pictures("\xFF\xFF")},
         {"text on a track of video", "media-kind", kError,
          [](EditableMovie& m) { m.Track(kVideo)["apcn"].type = "text"; }},
