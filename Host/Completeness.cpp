@@ -1,5 +1,7 @@
 #include "Completeness.h"
 
+#include "Interrupt.h"
+
 #include <ByteSource.h>
 
 #include <boost/endian/conversion.hpp>
@@ -85,15 +87,21 @@ bool ReadAtom(Header inHeader, std::int64_t inOffset, Element& outElement)
 }
 
 //! A RIFF chunk: type, 32-bit little-endian size, content, padded to 16 bits. 'RIFF' is looked into, and 'movi' where
-//! its size was left open.
+//! its size was left open. A 'RIFF' that is left out altogether, after one that is whole, cannot be noticed: the frames
+//! that the headers count may be dropped ones, of which nothing may come.
 bool ReadChunk(Header inHeader, std::int64_t inOffset, Element& outElement)
 {
     constexpr std::size_t kListHeaderSize = 12;
-    if (inHeader.size() < kListHeaderSize)
+    if (inHeader.size() < 8)
     {
         return false;
     }
     const std::string_view type = TypeAt(inHeader, 0);
+    const bool isFile = type == "RIFF";
+    if ((isFile || type == "LIST") && inHeader.size() < kListHeaderSize)
+    {
+        return false;
+    }
     const std::uint32_t size = boost::endian::load_little_u32(inHeader.data() + 4);
     const bool isMovie = type == "LIST" && TypeAt(inHeader, 8) == "movi";
     const bool isOpen = size == 0 || size == UINT32_MAX;
@@ -101,9 +109,10 @@ bool ReadChunk(Header inHeader, std::int64_t inOffset, Element& outElement)
     outElement.kind = type == std::string_view("\0\0\0\0", 4) ? Element::Kind::kUnknown
                       : isMovie || isData                     ? Element::Kind::kMedia
                                                               : Element::Kind::kOther;
-    outElement.next = type == "RIFF" || (isMovie && isOpen) ? inOffset + static_cast<std::int64_t>(kListHeaderSize)
-                                                            : EndAfter(inOffset, 8 + std::uint64_t{size} + size % 2);
+    outElement.next = isFile || (isMovie && isOpen) ? inOffset + static_cast<std::int64_t>(kListHeaderSize)
+                                                    : EndAfter(inOffset, 8 + std::uint64_t{size} + size % 2);
     outElement.padding = size % 2;
+    outElement.parentEnd = isFile ? EndAfter(inOffset, isOpen ? UINT64_MAX : 8 + std::uint64_t{size}) : 0;
     return true;
 }
 
@@ -286,11 +295,13 @@ public:
     {
         while (mNext <= inPosition && mElement.kind < Element::Kind::kLast && Step())
         {
+            ThrowIfStopRequested();
         }
     }
 
     //! Offset after the last element that was come to.
     std::int64_t GetNext() const { return mNext; }
+    bool IsOpen() const { return mParentEnd == 0; } //!< Nothing that is looked into has a size.
     bool IsInMedia() const { return mElement.kind == Element::Kind::kMedia; }
 
     //! Goes on to the end of the file, which has `inSize` bytes.
@@ -378,7 +389,7 @@ Completeness::Completeness(const std::string& inPath, AVFormatContext& ioFormat)
         }
         else if (count > 0)
         {
-            mStatedBytes = count * frameBytes;
+            mStatedBytes = frameBytes > 0 ? std::min(count, INT64_MAX / frameBytes) * frameBytes : 0;
         }
     }
 }
@@ -444,8 +455,12 @@ Completeness::Verdict Completeness::Take(AVPacket& ioPacket)
     if (mKind == Kind::kSound)
     {
         StreamOf(ioPacket.stream_index).bytes += ioPacket.size;
-        ioPacket.flags &= ~AV_PKT_FLAG_CORRUPT; // It only says that a block is shorter than those before it.
-        return Verdict::kWhole;
+        const AVCodecParameters& parameters = *mFormat.streams[ioPacket.stream_index]->codecpar;
+        if (FrameBytes(parameters) > 0 || (parameters.block_align > 0 && ioPacket.size % parameters.block_align == 0))
+        {
+            ioPacket.flags &= ~AV_PKT_FLAG_CORRUPT; // It only says that less came at a time than before.
+        }
+        return (ioPacket.flags & AV_PKT_FLAG_CORRUPT) != 0 ? Verdict::kDamaged : Verdict::kWhole;
     }
     const AVStream& source = *mFormat.streams[ioPacket.stream_index];
     Stream& stream = StreamOf(ioPacket.stream_index);
@@ -475,10 +490,10 @@ Completeness::Verdict Completeness::Take(AVPacket& ioPacket)
     const std::int64_t time = ioPacket.pts != AV_NOPTS_VALUE ? ioPacket.pts : ioPacket.dts;
     if (time != AV_NOPTS_VALUE)
     {
-        const std::int64_t gap = stream.first == AV_NOPTS_VALUE ? 0 : time - stream.last;
+        const std::int64_t gap = stream.first == AV_NOPTS_VALUE ? 0 : av_sat_sub64(time, stream.last);
         stream.first = stream.first == AV_NOPTS_VALUE ? time : std::min(stream.first, time);
         stream.last = time;
-        stream.end = std::max(stream.end, time + (ioPacket.duration > 0 ? ioPacket.duration : gap));
+        stream.end = std::max(stream.end, av_sat_add64(time, ioPacket.duration > 0 ? ioPacket.duration : gap));
     }
     return (ioPacket.flags & AV_PKT_FLAG_CORRUPT) != 0 ? Verdict::kDamaged : Verdict::kWhole;
 }
@@ -490,12 +505,18 @@ std::string Completeness::FindLossByTables() const
         AVStream& stream = *mFormat.streams[index];
         std::int64_t count = 0;
         std::int64_t bytes = 0;
+        bool isInside = true;
         const int entries = IsTaken(stream) ? avformat_index_get_entries_count(&stream) : 0;
         for (int number = 0; number < entries; ++number)
         {
-            const int size = avformat_index_get_entry(&stream, number)->size;
-            count += size > 0 ? 1 : 0;
-            bytes += size;
+            const AVIndexEntry& entry = *avformat_index_get_entry(&stream, number);
+            count += entry.size > 0 ? 1 : 0;
+            bytes += entry.size;
+            isInside = isInside && av_sat_add64(entry.pos, entry.size) <= GetEnd();
+        }
+        if (mStreams[index].count == 0 && !mStreams[index].isCut && mIsFile && isInside)
+        {
+            continue; // Its media is in another file, and it ends up without a track, which is told.
         }
         if (mStreams[index].count < count || mStreams[index].bytes < bytes)
         {
@@ -524,11 +545,11 @@ std::string Completeness::FindLossOfSound() const
     return bytes % frameBytes == 0 || isPadded ? "" : "it ends inside a sample frame";
 }
 
-//! By the lengths that the streams or the whole state. A stated length may be off by a frame.
-std::string Completeness::FindLossByDuration(bool inMayBeOff) const
+//! By the lengths that the streams or the whole state. That of a stream may be off by a frame, that of the whole by
+//! `inTolerance` seconds.
+std::string Completeness::FindLossByDuration(bool inMayBeOff, double inTolerance) const
 {
     constexpr double kSoundTolerance = 0.005; // Sound of broken frame rates has some samples more or less a frame.
-    constexpr double kRounding = 0.002;       // of times in milliseconds
     double end = 0;
     for (unsigned int index = 0; index < mFormat.nb_streams && index < mStreams.size(); ++index)
     {
@@ -537,16 +558,16 @@ std::string Completeness::FindLossByDuration(bool inMayBeOff) const
         const double unit = av_q2d(source.time_base);
         end = std::max(end, static_cast<double>(stream.end) * unit);
         const bool isSound = source.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
-        const std::int64_t came = stream.first == AV_NOPTS_VALUE ? 0 : stream.end - stream.first;
+        const std::int64_t came = stream.first == AV_NOPTS_VALUE ? 0 : av_sat_sub64(stream.end, stream.first);
         const double tolerance = isSound ? kSoundTolerance : inMayBeOff ? 1.5 * unit : 0.5 * unit;
-        if (IsTaken(source) && static_cast<double>(stream.statedTicks - came) * unit > tolerance)
+        if (IsTaken(source) && static_cast<double>(av_sat_sub64(stream.statedTicks, came)) * unit > tolerance)
         {
             return fmt::format("stream {} declares {:.3f} s, and {:.3f} s came", index,
                                static_cast<double>(stream.statedTicks) * unit, static_cast<double>(came) * unit);
         }
     }
     const double stated = static_cast<double>(mStatedTime) / AV_TIME_BASE;
-    return stated - end > kRounding ? fmt::format("it declares {:.3f} s, and {:.3f} s came", stated, end) : "";
+    return stated - end > inTolerance ? fmt::format("it declares {:.3f} s, and {:.3f} s came", stated, end) : "";
 }
 
 std::string Completeness::FindLossByElements()
@@ -555,6 +576,9 @@ std::string Completeness::FindLossByElements()
     const bool isStated = mStatedTime > 0 || std::any_of(mStreams.begin(), mStreams.end(), [](const Stream& inStream) {
                               return inStream.statedTicks > 0;
                           });
+    constexpr double kRounding = 0.002; // of times in milliseconds
+    constexpr double kByClock = 0.05;   // A length that was put into a live recording later may be a clock's.
+    const std::string_view name = mFormat.iformat->name;
     std::string inside = fmt::format("it ends at byte {}, inside its media", GetEnd());
     switch (end)
     {
@@ -563,13 +587,13 @@ std::string Completeness::FindLossByElements()
     case ElementWalk::End::kInMedia:
         return inside;
     case ElementWalk::End::kInHeader:
-        return isStated ? FindLossByDuration(false) : inside;
-    case ElementWalk::End::kOutOfMedia: // AVI has nothing that says whether more follows.
-        return FindLossByDuration(mFormat.iformat->name == std::string_view("avi"));
+        return isStated ? FindLossByDuration(false, kRounding) : inside;
+    case ElementWalk::End::kOutOfMedia: // AVI, where 'RIFF' is open, has nothing that says whether more follows.
+        return FindLossByDuration(name == "avi", mWalk->IsOpen() && name.find("matroska") == 0 ? kByClock : kRounding);
     case ElementWalk::End::kUnknown:
         break;
     }
-    return FindLossByDuration(true);
+    return FindLossByDuration(true, kRounding);
 }
 
 std::string Completeness::FindLoss()

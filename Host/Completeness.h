@@ -72,7 +72,7 @@ private:
     std::string FindLossByTables() const;
     std::string FindLossOfSound() const;
     std::string FindLossByElements();
-    std::string FindLossByDuration(bool inMayBeOff) const;
+    std::string FindLossByDuration(bool inMayBeOff, double inTolerance) const;
 
     AVFormatContext& mFormat;
     Kind mKind = Kind::kOther;
