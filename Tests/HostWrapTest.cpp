@@ -87,6 +87,7 @@ struct SourcePacket
     std::uintmax_t start;
     std::uintmax_t end;
     std::string bytes;
+    bool isVideo;
 };
 
 std::vector<SourcePacket> PacketsOf(const std::string& inPath)
@@ -97,7 +98,12 @@ std::vector<SourcePacket> PacketsOf(const std::string& inPath)
     {
         const auto start = static_cast<std::uintmax_t>(packet->pos);
         const auto size = static_cast<std::size_t>(packet->size);
-        packets.push_back({packet->stream_index, start, start + size, {packet->data, packet->data + size}});
+        const AVStream& stream = *source.GetFormat().streams[packet->stream_index];
+        packets.push_back({stream.index,
+                           start,
+                           start + size,
+                           {packet->data, packet->data + size},
+                           stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO});
     }
     return packets;
 }
@@ -111,6 +117,19 @@ std::map<int, std::string> StreamsOf(const std::vector<SourcePacket>& inPackets,
         streams[packet.stream] += packet.end <= inEnd ? packet.bytes : "";
     }
     return streams;
+}
+
+std::vector<std::size_t> VideoSizesOf(const std::vector<SourcePacket>& inPackets, int inStream)
+{
+    std::vector<std::size_t> sizes;
+    for (const SourcePacket& packet : inPackets)
+    {
+        if (packet.isVideo && packet.stream == inStream)
+        {
+            sizes.push_back(packet.bytes.size());
+        }
+    }
+    return sizes;
 }
 
 std::string Replaced(std::string inText, const std::string& inOld, const std::string& inNew)
@@ -555,10 +574,25 @@ TEST_F(HostWrapTest, AnInputThatBreaksOffIsKeptToItsLastWholeSample)
             }
             EXPECT_EQ(0, RunHost({"verify", out}).code);
             const std::vector<SourcePacket> kept = PacketsOf(out);
-            for (const auto& [stream, bytes] : StreamsOf(kept))
+            std::map<int, std::string> streams = StreamsOf(kept);
+            for (const auto& [stream, bytes] : whole)
             {
-                EXPECT_EQ(bytes, whole.at(stream).substr(0, bytes.size()));
-                EXPECT_GE(bytes.size(), expected.at(stream).size());
+                EXPECT_EQ(streams[stream], bytes.substr(0, streams[stream].size()));
+                EXPECT_GE(streams[stream].size(), expected.at(stream).size());
+                // Nothing is kept that did not come.
+                std::size_t limit = 0;
+                for (const SourcePacket& packet : packets)
+                {
+                    const std::size_t came = packet.stream != stream || packet.start >= end
+                                                 ? 0
+                                                 : std::min<std::size_t>(packet.bytes.size(), end - packet.start);
+                    limit += !packet.isVideo || came == packet.bytes.size() ? came : 0;
+                }
+                EXPECT_LE(streams[stream].size(), limit);
+                const std::vector<std::size_t> sizes = VideoSizesOf(packets, stream);
+                const std::vector<std::size_t> keptSizes = VideoSizesOf(kept, stream);
+                ASSERT_LE(keptSizes.size(), sizes.size());
+                EXPECT_TRUE(std::equal(keptSizes.begin(), keptSizes.end(), sizes.begin()));
             }
             fs::remove(out);
         }
@@ -569,11 +603,29 @@ TEST_F(HostWrapTest, AnInputThatBreaksOffIsKeptToItsLastWholeSample)
     }
 }
 
+TEST_F(HostWrapTest, AnInputThatIsAllThereDoesNotBreakOff)
+{
+    const std::string jpeg = kPicture + kTone + "-c:v mjpeg -pix_fmt yuvj420p -c:a pcm_s16le";
+    std::string dropped = Text(ReadFile(Make("in.avi", jpeg)));
+    dropped[dropped.find("vids") + 32] = 30; // Frames: those that did not come were dropped.
+    std::string live = Text(ReadFile(Make("in.mkv", jpeg)));
+    live.replace(live.find("\x18\x53\x80\x67") + 4, 8, "\x01\xFF\xFF\xFF\xFF\xFF\xFF\xFF");   // Its size is open,
+    live.replace(live.find("\x44\x89\x88") + 3, 8, std::string("\x40\x90\x18\0\0\0\0\0", 8)); // for 1030 ms.
+    const std::string sound = Text(ReadFile(Make("sound.avi", kTone + "-c:a pcm_s16le")));
+    for (const std::string& content : {dropped, live, sound + "x", sound + "12345678"})
+    {
+        WriteFile(Path("in"), content);
+        const Outcome outcome = RunHost({"wrap", Path("in"), "-o", Path("out.mov"), "-y"});
+        EXPECT_EQ(0, outcome.code) << outcome.err;
+    }
+}
+
 TEST_F(HostWrapTest, PacketsMarkedAsDamagedAreTold)
 {
     const std::string source = Make("in.mov", kPicture + "-c:v mjpeg -pix_fmt yuvj420p");
     Host::MediaSource media(source, {0, 1}, false, false);
     Host::Completeness completeness(source, media.GetFormat());
+    EXPECT_EQ("", completeness.FindLoss()); // What does not come though it is there is in another file.
     Host::PacketPtr packet = media.ReadPacket();
     EXPECT_EQ(Host::Completeness::Verdict::kWhole, completeness.Take(*packet));
     packet->flags |= AV_PKT_FLAG_CORRUPT;
