@@ -40,7 +40,7 @@ public:
 
 private:
     static constexpr std::size_t kBlockSize = 1024;
-    static constexpr std::uint64_t kMaxBlocks = 256;
+    static constexpr std::uint64_t kMaxBlocks = 1024;
 
     std::uint64_t Take(std::size_t inCount)
     {
